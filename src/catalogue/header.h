@@ -1,0 +1,32 @@
+// The raster grid shared by every raster of a job, read from its text header.
+//
+// Rasters are headerless little-endian float32 files of FILE_LENGTH rows of
+// WIDTH samples, row-major: the sample of row i, column j is at byte
+// 4*(i*WIDTH + j) and lies at longitude X_FIRST + j*X_STEP, latitude
+// Y_FIRST + i*Y_STEP (the corner sample, no half-pixel shift).
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+
+struct HEADER {
+    int64_t WIDTH = 0;        // columns (samples per row)
+    int64_t FILE_LENGTH = 0;  // rows
+    double X_FIRST = 0;       // longitude of the first column, degrees
+    double Y_FIRST = 0;       // latitude of the first row, degrees
+    double X_STEP = 0;        // longitude step between columns
+    double Y_STEP = 0;        // latitude step between rows (negative north-up)
+};
+
+namespace com {
+
+// Reads the header file at `path` (keys WIDTH, FILE_LENGTH, X_FIRST, Y_FIRST,
+// X_STEP, Y_STEP; other lines ignored; a missing key stays 0). Sizes are not
+// range-checked. Ends the run when the file is missing.
+HEADER readheader(const char* path);
+
+// The sample at (row, col) of an open raster, or 0 when the position lies
+// off the grid (the stream is then not touched) or the read fails.
+float readonerecord(FILE* raster, int64_t row, int64_t col, const HEADER& header);
+
+}  // namespace com

@@ -1,0 +1,42 @@
+// Raster file I/O shared by the stages: contiguous reads with the size check,
+// paths inside the job's folders, and the output files that batches of
+// pixels fill one after another.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+
+namespace com {
+
+// A path formed as folder "/" name in a fixed buffer of 1000 bytes (longer
+// paths are cut, and then fail to open).
+struct Path {
+    char text[1000];
+    const char* c_str() const { return text; }
+};
+
+Path join_path(const char* folder, const char* name);
+
+// Reads `count` samples starting at sample `first` of the open raster
+// `stream` (named `path` for the message) in one seek and one read. The
+// stream must then stand at byte 4*(first + count); otherwise the run ends
+// with "%s file size wrong %d\n" (the path and the position reached) on
+// standard error. A shorter file therefore stops the run, a longer one is
+// accepted. count < 1 reads nothing.
+void read_samples(FILE* stream, const char* path, int64_t first, int64_t count, float* out);
+
+// Opens `path`, reads its samples [first, first + count) with read_samples
+// and closes it. A missing file ends the run.
+void read_raster(const char* path, int64_t first, int64_t count, float* out);
+
+// The mode of a batch output file: "wb" for the batch that starts at pixel 0
+// (a new run overwrites), "ab" for every later batch (appended in pixel order,
+// so the file is a whole raster after the last batch).
+const char* batch_mode(int64_t batch_first);
+
+// Writes `count` samples to folder "/" name, opened with batch_mode(first).
+// A failed write ends the run with "%s could not be written\n".
+void write_batch(const char* folder, const char* name, int64_t batch_first, const float* samples,
+                 int64_t count);
+
+}  // namespace com

@@ -1,0 +1,235 @@
+// Reading the configuration file.
+//
+// Each line is stripped of leading spaces and its first field is compared,
+// exactly and case-sensitively, with the keys in one fixed order. On a match
+// the line's second field takes the key's place and the comparison goes on
+// down the list, so a value that is itself a later key name sets that key
+// too (`resultfolder headerfile` sets both resultfolder and headerfile to
+// "headerfile"). Users' files have been written against that rule; it stays.
+//
+// Conversions follow the member type: paths take the field as it stands,
+// integers its decimal prefix, floats its floating-point prefix read as a
+// double and rounded. The 64-bit counts are read as 32-bit integers and then
+// widened, and three integer settings are read as a double and truncated, so
+// "1e1" gives 10 for them and 1 elsewhere.
+#include "config/cfg.h"
+
+#include <unistd.h>
+
+#include <climits>
+#include <cmath>
+#include <cstring>
+#include <variant>
+
+#include "catalogue/filelist.h"
+#include "catalogue/header.h"
+#include "config/fatal.h"
+#include "config/text.h"
+
+namespace lib {
+namespace {
+
+// An int setting read as a double and truncated toward zero.
+struct Truncated {
+    int CFG::*member;
+};
+
+using Member = std::variant<char (CFG::*)[kPathBytes], int CFG::*, int64_t CFG::*, float CFG::*, Truncated>;
+
+struct Key {
+    const char* name;
+    Member member;
+};
+
+// The comparison order matters (see above); do not sort.
+const Key kKeys[] = {
+    {"resultfolder", &CFG::resultfolder},
+    {"headerfile", &CFG::headerfile},
+    {"filelist", &CFG::filelist},
+    {"datafolder", &CFG::datafolder},
+    {"masterdate", &CFG::masterdate},
+    {"ref_row", &CFG::ref_row},
+    {"ref_col", &CFG::ref_col},
+    {"ref_lat", &CFG::ref_lat},
+    {"ref_lon", &CFG::ref_lon},
+    {"maxcap", &CFG::maxcap},
+    {"baselines", &CFG::baselines},
+    {"if_est_hgt", &CFG::if_est_hgt},
+    {"wavelength", &CFG::wavelength},
+    {"incidence", &CFG::incidence},
+    {"orbit_altitude", &CFG::orbit_altitude},
+    {"temporal_constraint", &CFG::temporal_constraint},
+    {"temporal_strength", &CFG::temporal_strength},
+    {"if_remove_orbit", &CFG::if_remove_orbit},
+    {"orbit_quad_fit_sampling", &CFG::orbit_quad_fit_sampling},
+    {"loop_misclosure_threshold", &CFG::loop_misclosure_threshold},
+    {"loop_misclosure_ratio_threshod", &CFG::loop_misclosure_ratio_threshod},
+    {"minimun_loop_num", &CFG::minimun_loop_num},
+    {"if_allow_unlooped_pixel", &CFG::if_allow_unlooped_pixel},
+    {"if_check_loop_closure", &CFG::if_check_loop_closure},
+    {"minimum_temporal_ifg_ratio", &CFG::minimum_temporal_ifg_ratio},
+    {"simple_log_origin", &CFG::simple_log_origin},
+    {"ref_window", &CFG::ref_window},
+    {"minnum", &CFG::minnum},
+    {"sigma_factor", &CFG::sigma_factor},
+    {"if_remove_eds", &CFG::if_remove_eds},
+    {"eds_block_size", Truncated{&CFG::eds_block_size}},
+    {"demfile", &CFG::demfile},
+    {"demfile_header", &CFG::demfile_header},
+    {"whole_ifg_closure_std_threshold", &CFG::whole_ifg_closure_std_threshold},
+    {"if_keep_phase_closure_maps", &CFG::if_keep_phase_closure_maps},
+    {"max_parallel_threads", &CFG::max_parallel_threads},
+    {"if_keep_corrected_ifg", &CFG::if_keep_corrected_ifg},
+    {"ref_method", &CFG::ref_method},
+    {"if_delete_bad_ifgs", &CFG::if_delete_bad_ifgs},
+    {"loop_closure_mean_std_threshold", &CFG::loop_closure_mean_std_threshold},
+    {"if_allow_unlooped_ifgs", &CFG::if_allow_unlooped_ifgs},
+    {"confidence_level", &CFG::confidence_level},
+    {"sigma_confidence_level", &CFG::sigma_confidence_level},
+    {"temporal_filter_sigma", &CFG::temporal_filter_sigma},
+    {"if_inverse_time_series", &CFG::if_inverse_time_series},
+    {"spatial_filter_sigma", &CFG::spatial_filter_sigma},
+    {"spatial_filter_method", Truncated{&CFG::spatial_filter_method}},
+    {"temporal_filter_method", Truncated{&CFG::temporal_filter_method}},
+    {"if_apply_filter", &CFG::if_apply_filter},
+    {"if_stacking", &CFG::if_stacking},
+    {"if_use_existing_corrected_ifg", &CFG::if_use_existing_corrected_ifg},
+    {"if_use_existing_phasemask", &CFG::if_use_existing_phasemask},
+};
+
+// Truncation toward zero that stays defined for values no int can hold.
+int truncate_to_int(double value)
+{
+    if (std::isnan(value)) return 0;
+    if (value >= static_cast<double>(INT_MAX)) return INT_MAX;
+    if (value <= static_cast<double>(INT_MIN)) return INT_MIN;
+    return static_cast<int>(value);
+}
+
+void store(CFG& cfg, const Member& member, const char* value)
+{
+    struct Visitor {
+        CFG& cfg;
+        const char* value;
+        void operator()(char (CFG::*path)[kPathBytes]) const
+        {
+            std::strncpy(cfg.*path, value, kPathBytes - 1);
+            (cfg.*path)[kPathBytes - 1] = '\0';
+        }
+        void operator()(int CFG::*m) const { cfg.*m = int_prefix(value); }
+        void operator()(int64_t CFG::*m) const { cfg.*m = int_prefix(value); }
+        void operator()(float CFG::*m) const { cfg.*m = static_cast<float>(double_prefix(value)); }
+        void operator()(Truncated t) const { cfg.*t.member = truncate_to_int(double_prefix(value)); }
+    };
+    std::visit(Visitor{cfg, value}, member);
+}
+
+void read_settings(CFG& cfg, const char* path)
+{
+    FILE* file = fopen_zq(path, "r");
+    for_each_line(file, false, [&](char* line) {
+        strtruc(line);
+        char key[kFieldBytes];
+        char value[kFieldBytes];
+        substr(key, line, 1);
+        for (const Key& k : kKeys) {
+            if (std::strcmp(key, k.name) != 0) continue;
+            substr(value, line, 2);
+            std::strcpy(key, value);
+            store(cfg, k.member, value);
+        }
+    });
+    std::fclose(file);
+}
+
+// Pixel index of a coordinate, rounded half away from zero. A degenerate
+// grid step gives no finite index; the pixel is then placed off the grid
+// (-1), where the reference stage reports it as out of coverage.
+int64_t pixel_of(double coordinate, double first, double step)
+{
+    const double index = std::round((coordinate - first) / step);
+    if (!std::isfinite(index) || std::fabs(index) > 9.0e18) return -1;
+    return static_cast<int64_t>(index);
+}
+
+}  // namespace
+
+void cfg_init(CFG* cfg)
+{
+    cfg->masterdate = 0;
+    cfg->reserved_flag = 0;
+    cfg->ref_lat = 0;
+    cfg->ref_lon = 0;
+    cfg->ref_row = 0;
+    cfg->ref_col = 0;
+    cfg->maxcap = 30000000;
+    cfg->reserved_count = 500;
+    cfg->if_est_hgt = 0;
+    cfg->wavelength = 0.055165f;
+    cfg->incidence = 39.0f;
+    cfg->orbit_altitude = 690000.0f;
+    cfg->temporal_constraint = 0;
+    cfg->temporal_strength = 0.1f;
+    cfg->max_parallel_threads = 4;
+    cfg->if_remove_orbit = 0;
+    cfg->if_remove_eds = 0;
+    cfg->orbit_quad_fit_sampling = 4;
+    cfg->eds_block_size = 100;
+    cfg->if_check_loop_closure = 1;
+    cfg->loop_misclosure_threshold = 3.14f;
+    cfg->loop_misclosure_ratio_threshod = 0.5f;
+    cfg->whole_ifg_closure_std_threshold = 3.14f;
+    cfg->loop_closure_mean_std_threshold = 3.14f;
+    cfg->minimun_loop_num = 0;
+    cfg->if_allow_unlooped_pixel = 0;
+    cfg->if_keep_phase_closure_maps = 0;
+    cfg->if_keep_corrected_ifg = 0;
+    cfg->minimum_temporal_ifg_ratio = 0.5f;
+    cfg->simple_log_origin = 20000101;
+    cfg->ref_window = 5;
+    cfg->ref_method = 2;
+    cfg->if_delete_bad_ifgs = 1;
+    cfg->if_allow_unlooped_ifgs = 1;
+    cfg->confidence_level = 2.0f;
+    cfg->sigma_confidence_level = 3.0f;
+    cfg->if_inverse_time_series = 1;
+    cfg->if_apply_filter = 1;
+    cfg->spatial_filter_method = 0;
+    cfg->temporal_filter_method = 0;
+    cfg->spatial_filter_sigma = -1.0f;
+    cfg->temporal_filter_sigma = -1.0f;
+    cfg->if_stacking = 0;
+    cfg->if_use_existing_corrected_ifg = 1;
+    cfg->if_use_existing_phasemask = 1;
+}
+
+CFG loadcfg(const char* path)
+{
+    CFG cfg;
+    cfg_init(&cfg);
+    cfg.ref_lat = -9999;
+    cfg.ref_lon = -9999;
+    read_settings(cfg, path);
+
+    // The inversion knows no other models; say so now rather than write
+    // meaningless maps at the end of a long run.
+    if (cfg.if_inverse_time_series != 0) {
+        if (cfg.temporal_constraint < 0 || cfg.temporal_constraint > 2)
+            die("temporal_constraint %d is not supported: use 0 (none), 1 (linear) or 2 (logarithmic)\n",
+                cfg.temporal_constraint);
+        if (cfg.if_est_hgt != 0 && cfg.if_est_hgt != 1)
+            die("if_est_hgt %d is not supported: use 0 or 1\n", cfg.if_est_hgt);
+    }
+
+    const HEADER header = com::readheader(cfg.headerfile);
+    if (cfg.ref_lat >= -90 && cfg.ref_lat <= 90 && cfg.ref_lon >= -180 && cfg.ref_lon <= 180) {
+        cfg.ref_row = pixel_of(cfg.ref_lat, header.Y_FIRST, header.Y_STEP);
+        cfg.ref_col = pixel_of(cfg.ref_lon, header.X_FIRST, header.X_STEP);
+    }
+    if (access(cfg.datafolder, F_OK) != 0) die_stdout("datafolder %s not exist\n", cfg.datafolder);
+    if (access(cfg.resultfolder, F_OK) != 0) die_stdout("resultfolder %s not exist\n", cfg.resultfolder);
+    com::readfilenamelist(&cfg, cfg.filelist);
+    return cfg;
+}
+
+}  // namespace lib

@@ -1,0 +1,46 @@
+// Field splitting walks the line once: spaces and tabs are skipped, other
+// characters belong to the current field, and the field number advances when
+// a field is followed by a blank. The walk stops as soon as the wanted field
+// is complete, so a long tail of the line costs nothing.
+#include "config/text.h"
+
+#include <cstdlib>
+#include <cstring>
+
+namespace lib {
+namespace {
+
+bool blank(char c) { return c == ' ' || c == '\t'; }
+
+}  // namespace
+
+void strtruc(char* line)
+{
+    size_t skip = 0;
+    while (line[skip] == ' ') ++skip;
+    if (skip) std::memmove(line, line + skip, std::strlen(line + skip) + 1);
+}
+
+void substr(char* out, const char* line, int n)
+{
+    int field = 1;
+    int length = 0;
+    for (const char* p = line; *p != '\0' && *p != '\n'; ++p) {
+        if (blank(*p)) continue;
+        if (field == n && length < kFieldBytes - 1) out[length++] = *p;
+        if (blank(p[1])) ++field;
+        if (field > n) break;
+    }
+    if (length == 0) out[length++] = ' ';
+    out[length] = '\0';
+}
+
+int32_t int_prefix(const char* field)
+{
+    const long value = std::strtol(field, nullptr, 10);
+    return static_cast<int32_t>(static_cast<uint32_t>(static_cast<unsigned long>(value)));
+}
+
+double double_prefix(const char* field) { return std::strtod(field, nullptr); }
+
+}  // namespace lib

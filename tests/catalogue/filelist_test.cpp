@@ -1,0 +1,119 @@
+// Dates cut from file names, and the strict list reader.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "catalogue/filelist.h"
+#include "config/cfg.h"
+#include "support/child.h"
+
+namespace {
+
+using testing_support::TempDir;
+using testing_support::write_text;
+
+struct NameCase {
+    const char* name;
+    int first;
+    int second;
+};
+
+TEST(DatesInNames, TableOfNames)
+{
+    const NameCase cases[] = {
+        {"geo_20170102_20170314.unw", 20170102, 20170314},
+        {"20200101_20200113", 20200101, 20200113},
+        {"201701025_20170314", 20170102, 20170314},   // nine digits: the first eight form the date
+        {"2017010220170314", 20170102, 20170314},      // sixteen digits: two dates
+        {"x_20171301_20170102_20170314", 20170102, 20170314},  // month 13 is no date
+        {"a_20180229_20180301", 20180229, 20180301},   // day <= 31 passes here
+        {"19000101x20991231", 19000101, 20991231},
+        {"30010101_30000101", 30000101, 0},            // year beyond 3000 is skipped
+        {"18991231_19000101", 19000101, 0},
+        {"geo_20170102.unw", 20170102, 0},
+        {"20170102", 20170102, 0},
+        {"2017010", 0, 0},                              // ends before eight digits
+        {"abc", 0, 0},
+        {"", 0, 0},
+        {" ", 0, 0},
+        {"1_20170102_1", 20170102, 0},
+        {"x2017a0102", 0, 0},
+        {"ifg_20170102-20170100_20170131", 20170102, 20170131},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(com::phsfilename2date(c.name, 1), c.first) << c.name;
+        EXPECT_EQ(com::phsfilename2date(c.name, 2), c.second) << c.name;
+    }
+}
+
+TEST(DatesInNames, NeverReadsPastTheTerminator)
+{
+    // Exactly sized buffers: the sanitizer build catches any read beyond.
+    for (const std::string text : {"1", "12345", "2017010", "a9", "20170102_2017"}) {
+        std::vector<char> exact(text.begin(), text.end());
+        exact.push_back('\0');
+        EXPECT_EQ(com::phsfilename2date(exact.data(), 2), 0) << text;
+    }
+}
+
+CFG list_of(const std::string& text)
+{
+    TempDir dir;
+    write_text(dir / "list", text);
+    CFG cfg;
+    com::readfilenamelist(&cfg, (dir / "list").c_str());
+    return cfg;
+}
+
+TEST(InterferogramList, ReadsNamesAndBothDatesOfEveryLine)
+{
+    const CFG cfg = list_of("geo_20200101_20200113.unw extra fields\n  \t20200113_20200125.unw\n"
+                            "geo_20200125_20200101.unw");
+    ASSERT_EQ(cfg.ifg_names.size(), 3u);
+    EXPECT_EQ(cfg.ifg_names[0], "geo_20200101_20200113.unw");
+    EXPECT_EQ(cfg.ifg_names[1], "20200113_20200125.unw");
+    EXPECT_EQ(cfg.ifg_date1, (std::vector<int>{20200101, 20200113, 20200125}));
+    EXPECT_EQ(cfg.ifg_date2, (std::vector<int>{20200113, 20200125, 20200101}));  // order kept as found
+}
+
+TEST(InterferogramList, ALineFeedAtTheEndReadsEveryLineOnce)
+{
+    EXPECT_EQ(list_of("a_20200101_20200113\nb_20200113_20200125\n").ifg_names.size(), 2u);
+    EXPECT_EQ(list_of("a_20200101_20200113\nb_20200113_20200125").ifg_names.size(), 2u);
+    EXPECT_TRUE(list_of("").ifg_names.empty());
+}
+
+TEST(InterferogramList, ReplacesWhatTheRecordHeld)
+{
+    TempDir dir;
+    write_text(dir / "list", "a_20200101_20200113\n");
+    CFG cfg;
+    cfg.ifg_names = {"old1", "old2"};
+    cfg.ifg_date1 = {1, 2};
+    cfg.ifg_date2 = {3, 4};
+    cfg.maxcap = 17;
+    com::readfilenamelist(&cfg, (dir / "list").c_str());
+    EXPECT_EQ(cfg.ifg_names, (std::vector<std::string>{"a_20200101_20200113"}));
+    EXPECT_EQ(cfg.ifg_date1, (std::vector<int>{20200101}));
+    EXPECT_EQ(cfg.maxcap, 17);
+}
+
+TEST(InterferogramList, BadLinesStopTheRunWithTheName)
+{
+    const std::pair<std::string, std::string> cases[] = {
+        {"a_20200101_20200113\n\n", "  format error\n"},  // blank last line: the name is " "
+        {"a_20200101_20200113\n\nb_20200113_20200125\n", "  format error\n"},  // blank line inside
+        {"a_20200101_20200113\nonly_20200113.unw\n", "only_20200113.unw format error\n"},
+        {"nodate.unw\n", "nodate.unw format error\n"},
+        {std::string(300, 'x') + "\n", std::string(199, 'x') + " format error\n"},
+    };
+    for (const auto& [text, message] : cases) {
+        const auto outcome = testing_support::run_in_child([&] { list_of(text); });
+        EXPECT_TRUE(outcome.exited);
+        EXPECT_EQ(outcome.status, 0);
+        EXPECT_EQ(outcome.err, message);
+        EXPECT_EQ(outcome.out, "");
+    }
+}
+
+}  // namespace

@@ -1,0 +1,133 @@
+// Field splitting, integer prefixes and the shared reading loop of every
+// text input.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "config/text.h"
+#include "support/child.h"
+
+namespace {
+
+struct FieldCase {
+    const char* line;
+    int n;
+    const char* expected;
+};
+
+TEST(FieldSplitting, TableOfLines)
+{
+    const FieldCase cases[] = {
+        {"maxcap 100", 1, "maxcap"},
+        {"maxcap 100", 2, "100"},
+        {"maxcap 100 # batch size", 2, "100"},
+        {"maxcap 100 # batch size", 3, "#"},
+        {"maxcap\t\t100", 2, "100"},
+        {"  \t maxcap   100  ", 1, "maxcap"},
+        {"maxcap 100\r\n", 2, "100\r"},        // a carriage return is an ordinary character
+        {"maxcap 100\nignored 5", 3, " "},     // the line ends at its line feed
+        {"maxcap", 2, " "},                    // a missing field reads as one space
+        {"", 1, " "},
+        {"\n", 1, " "},
+        {"a b c d", 4, "d"},
+        {"a b c d", 5, " "},
+    };
+    for (const auto& c : cases) {
+        char out[lib::kFieldBytes];
+        lib::substr(out, c.line, c.n);
+        EXPECT_STREQ(out, c.expected) << "line \"" << c.line << "\" field " << c.n;
+    }
+}
+
+TEST(FieldSplitting, FieldsAreCutAt199Characters)
+{
+    const std::string longest(400, 'x');
+    const std::string line = "key " + longest + " tail";
+    char out[lib::kFieldBytes];
+    lib::substr(out, line.c_str(), 2);
+    EXPECT_EQ(std::string(out), std::string(199, 'x'));
+    lib::substr(out, line.c_str(), 3);
+    EXPECT_STREQ(out, "tail");
+}
+
+TEST(FieldSplitting, LeadingSpacesAreStrippedButTabsStay)
+{
+    char a[] = "   key value";
+    lib::strtruc(a);
+    EXPECT_STREQ(a, "key value");
+    char b[] = "\t key";
+    lib::strtruc(b);
+    EXPECT_STREQ(b, "\t key");
+    char c[] = "    ";
+    lib::strtruc(c);
+    EXPECT_STREQ(c, "");
+}
+
+TEST(NumberPrefixes, IntegersReadTheirDecimalPrefixAndWrapAt32Bits)
+{
+    const std::pair<const char*, int32_t> cases[] = {
+        {"100", 100},          {"-7", -7},           {"+7", 7},           {"  42", 42},
+        {"2.7", 2},            {"1e1", 1},           {"abc", 0},          {" ", 0},
+        {"12abc", 12},         {"4294967396", 100},  {"3000000000", -1294967296},
+        {"100\r", 100},
+    };
+    for (const auto& [text, expected] : cases) EXPECT_EQ(lib::int_prefix(text), expected) << text;
+}
+
+TEST(NumberPrefixes, DoublesReadTheirFloatingPointPrefix)
+{
+    EXPECT_DOUBLE_EQ(lib::double_prefix("1e1"), 10.0);
+    EXPECT_DOUBLE_EQ(lib::double_prefix("-2.5xyz"), -2.5);
+    EXPECT_DOUBLE_EQ(lib::double_prefix(" "), 0.0);
+    EXPECT_DOUBLE_EQ(lib::double_prefix("3.14\r"), 3.14);
+}
+
+std::vector<std::string> lines_of(const std::string& text, bool stop_at_empty_read)
+{
+    testing_support::TempDir dir;
+    testing_support::write_text(dir / "f", text);
+    FILE* f = std::fopen((dir / "f").c_str(), "r");
+    std::vector<std::string> seen;
+    lib::for_each_line(f, stop_at_empty_read, [&](char* line) { seen.emplace_back(line); });
+    std::fclose(f);
+    return seen;
+}
+
+TEST(ReadingLoop, LastLineIsHandledTwiceWhenTheFileEndsWithALineFeed)
+{
+    EXPECT_EQ(lines_of("a\nb\n", false), (std::vector<std::string>{"a\n", "b\n", "b\n"}));
+    EXPECT_EQ(lines_of("a\nb", false), (std::vector<std::string>{"a\n", "b"}));
+    EXPECT_EQ(lines_of("", false), (std::vector<std::string>{""}));
+}
+
+TEST(ReadingLoop, StoppingAtAnEmptyReadHandlesEachLineOnce)
+{
+    EXPECT_EQ(lines_of("a\nb\n", true), (std::vector<std::string>{"a\n", "b\n"}));
+    EXPECT_EQ(lines_of("a\nb", true), (std::vector<std::string>{"a\n", "b"}));
+    EXPECT_EQ(lines_of("a\n\n", true), (std::vector<std::string>{"a\n", "\n"}));
+    EXPECT_TRUE(lines_of("", true).empty());
+}
+
+TEST(ReadingLoop, LongLinesArriveInPiecesOf998Characters)
+{
+    const std::string text = std::string(1500, 'k') + "\n";
+    const auto seen = lines_of(text, true);
+    ASSERT_EQ(seen.size(), 2u);
+    EXPECT_EQ(seen[0].size(), 998u);
+    EXPECT_EQ(seen[1].size(), 1500u - 998u + 1u);
+}
+
+TEST(ReadingLoop, ADirectoryEndsTheLoopInsteadOfSpinning)
+{
+    testing_support::TempDir dir;
+    FILE* f = std::fopen(dir.path().c_str(), "r");
+    ASSERT_NE(f, nullptr);
+    int calls = 0;
+    lib::for_each_line(f, false, [&](char*) { ++calls; });
+    std::fclose(f);
+    EXPECT_LE(calls, 1);
+}
+
+}  // namespace

@@ -1,0 +1,54 @@
+// Test support: temporary job folders, small file helpers, and running a
+// piece of code or the sbas-ts program in a child process with its standard
+// output, standard error and exit status captured. Fatal input errors end
+// the process with status 0, so the tests must look at the streams to tell a
+// clean finish from a stop.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace testing_support {
+
+struct Outcome {
+    bool exited = false;      // ended by exit, not by a signal
+    int status = -1;          // exit status when exited
+    int signal = 0;           // signal number otherwise
+    std::string out;          // standard output
+    std::string err;          // standard error
+};
+
+// Exit status of a child whose body returned instead of ending the process.
+inline constexpr int kReturned = 77;
+
+// Runs body() in a forked child; the child exits with kReturned when body
+// returns. Output is captured through files, so any amount is fine.
+Outcome run_in_child(const std::function<void()>& body);
+
+// Runs the sbas-ts program with `args` in the folder `cwd`.
+Outcome run_program(const std::vector<std::string>& args, const std::string& cwd = ".");
+
+// A fresh folder under the system's temporary folder, removed with its
+// contents when the object goes out of scope.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::string& path() const { return path_; }
+    std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+private:
+    std::string path_;
+};
+
+void write_text(const std::string& path, const std::string& text);
+std::string read_text(const std::string& path);
+void write_floats(const std::string& path, const std::vector<float>& values);
+std::vector<float> read_floats(const std::string& path);
+bool file_exists(const std::string& path);
+void make_dir(const std::string& path);
+
+}  // namespace testing_support
