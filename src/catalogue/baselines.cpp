@@ -1,0 +1,82 @@
+// The baselines file is read whole into a table of (date1, date2, bperp), one
+// record per line, and each interferogram then takes the first record whose
+// two dates equal its own in the same order. The dates of a line are the
+// first two found in its first field, by the same scan as the interferogram
+// names, so the field may be the raster's name or just the two dates; the
+// second field is the baseline.
+//
+// A pair is matched in the order of the names: the reversed pair would carry
+// the opposite sign, so it is not taken. Lists often mark a baseline they
+// could not compute with a large negative number; anything below -99999 is
+// treated as absent, and so is a value that is not a number (it would turn
+// every DEM error of the run into NaN). A missing baseline stops the run, because the DEM-error
+// term of the inversion is meaningless without every one of them.
+#include "catalogue/baselines.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "catalogue/filelist.h"
+#include "config/cfg.h"
+#include "config/fatal.h"
+#include "config/text.h"
+#include "numerics/arrays.h"
+
+namespace com {
+namespace {
+
+constexpr float kNoBaseline = -999999.0f;  // marker until a record is found
+constexpr double kLowestBaseline = -99999.0;
+
+}  // namespace
+
+BASELINE* get_baselines(const CFG& cfg)
+{
+    FILE* file = lib::fopen_zq(cfg.baselines, "r");
+
+    size_t lines = 0;
+    lib::for_each_line(file, true, [&](char*) { ++lines; });
+
+    // calloc refuses a count whose size overflows; one spare record keeps an
+    // empty file from looking like a failed allocation.
+    auto* table = static_cast<BASELINE*>(std::calloc(lines + 1, sizeof(BASELINE)));
+    if (!table) lib::out_of_memory();
+
+    std::rewind(file);
+    size_t rows = 0;
+    lib::for_each_line(file, true, [&](char* line) {
+        if (rows == lines) return;  // the file grew between the two passes
+        char field[lib::kFieldBytes];
+        lib::substr(field, line, 1);
+        BASELINE& record = table[rows++];
+        record.date1 = phsfilename2date(field, 1);
+        record.date2 = phsfilename2date(field, 2);
+        lib::substr(field, line, 2);
+        record.bperp = static_cast<float>(lib::double_prefix(field));
+    });
+    std::fclose(file);
+
+    // Never null: an empty interferogram list gives a block with no records
+    // in use, released like any other.
+    const size_t n = cfg.ifg_names.size();
+    auto* result = static_cast<BASELINE*>(std::calloc(n == 0 ? 1 : n, sizeof(BASELINE)));
+    if (!result) lib::out_of_memory();
+
+    for (size_t i = 0; i < n; ++i) {
+        const char* name = cfg.ifg_names[i].c_str();
+        BASELINE& wanted = result[i];
+        wanted.date1 = phsfilename2date(name, 1);
+        wanted.date2 = phsfilename2date(name, 2);
+        wanted.bperp = kNoBaseline;
+        size_t k = 0;
+        while (k < rows && !(table[k].date1 == wanted.date1 && table[k].date2 == wanted.date2)) ++k;
+        if (k == rows) lib::die("baseline for %d-%d not found\n", wanted.date1, wanted.date2);
+        wanted.bperp = table[k].bperp;
+        if (!(wanted.bperp >= kLowestBaseline)) lib::die("baseline for %d-%d not found\n", wanted.date1, wanted.date2);
+    }
+
+    std::free(table);
+    return result;
+}
+
+}  // namespace com
