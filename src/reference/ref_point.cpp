@@ -1,0 +1,327 @@
+// Choice of the reference.
+//
+// A pixel named in the configuration is used as given. Otherwise one of two
+// searches picks the steadiest place of the scene through time, on the idea
+// that a point which barely moves from one interferogram to the next is the
+// best stand-in for "no deformation":
+//
+//  - the least-variance pixel: the pixel whose samples vary least over all
+//    interferograms;
+//  - the most stable window: the scene is cut into square cells of
+//    ref_window pixels, and the cell whose mean varies least wins. Averaging
+//    over a cell trades resolution for robustness against noisy pixels.
+//
+// Both searches stream the interferograms one at a time through the running
+// mean and sample variance, so memory holds one raster plus the
+// accumulators whatever the length of the list. A pixel or cell that holds
+// no data in any one interferogram is dropped for good: a reference must be
+// present in all of them. The third choice, the scene's global mean, needs
+// no search.
+//
+// An automatically chosen pixel is written back into the run record and
+// reported in the file "refpoint", so that a later pass over corrected
+// interferograms refers to the same pixel without searching again.
+#include "reference/ref_point.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+
+#include "catalogue/header.h"
+#include "catalogue/raster.h"
+#include "config/fatal.h"
+#include "numerics/arrays.h"
+#include "numerics/stats.h"
+#include "numerics/validity.h"
+#include "reference/ref_values.h"
+
+namespace com {
+namespace {
+
+int64_t pixel_count(const HEADER& header)
+{
+    if (header.WIDTH < 1 || header.FILE_LENGTH < 1) return 0;
+    return header.WIDTH * header.FILE_LENGTH;
+}
+
+double* zeroed_doubles(int64_t n)
+{
+    double* block = lib::zeros(n, 1);
+    if (!block) lib::out_of_memory();
+    return block;
+}
+
+// Where a flat index lies. Row and column come from the index in double
+// precision; the coordinates are those of the pixel's corner sample.
+// Precondition: header.WIDTH >= 1.
+struct Place {
+    int64_t row;
+    int64_t col;
+    double lat;
+    double lon;
+};
+
+Place place_of(int64_t index, const HEADER& header)
+{
+    const double width = static_cast<double>(header.WIDTH);
+    const double row = std::floor(static_cast<double>(index) / width);
+    Place place{};
+    place.row = static_cast<int64_t>(row);
+    place.col = static_cast<int64_t>(static_cast<double>(index) - row * width);
+    place.lat = static_cast<double>(place.row) * header.Y_STEP + header.Y_FIRST;
+    place.lon = static_cast<double>(place.col) * header.X_STEP + header.X_FIRST;
+    return place;
+}
+
+[[noreturn]] void no_stable_point()
+{
+    lib::die("Cannot find a stable reference point!\n"
+             "There are interferograms that may contain too many invalid pixels!\n");
+}
+
+// The report of an automatically chosen pixel, for the user and for later
+// runs; the last line has no line end.
+void write_report(const CFG& cfg, int64_t index, const HEADER& header)
+{
+    const Place place = place_of(index, header);
+    const Path path = join_path(cfg.resultfolder, "refpoint");
+    FILE* file = lib::fopen_zq(path.c_str(), "w");
+    std::fprintf(file, "refpoint position: %d\n", static_cast<int>(index));
+    std::fprintf(file, "refpoint row: %d\n", static_cast<int>(place.row));
+    std::fprintf(file, "refpoint col: %d\n", static_cast<int>(place.col));
+    std::fprintf(file, "refpoint lat: %.6f\n", place.lat);
+    std::fprintf(file, "refpoint lon: %.6f", place.lon);
+    std::fclose(file);
+}
+
+}  // namespace
+
+int64_t find_ref_point(CFG cfg)
+{
+    const HEADER header = readheader(cfg.headerfile);
+    const int64_t pixels = pixel_count(header);
+    double* mean = nullptr;
+    double* variance = nullptr;
+    float* samples = nullptr;
+    if (pixels > 0) {
+        mean = zeroed_doubles(pixels);
+        variance = zeroed_doubles(pixels);
+        samples = lib::zeros_float(pixels, 1);
+        if (!samples) lib::out_of_memory();
+    }
+
+    for (size_t k = 0; k < cfg.ifg_names.size(); ++k) {
+        const Path path = join_path(cfg.datafolder, cfg.ifg_names[k].c_str());
+        read_raster(path.c_str(), 0, pixels, samples);
+        if (k == 0) {
+            for (int64_t p = 0; p < pixels; ++p) {
+                if (!lib::isvalid(samples[p])) continue;
+                mean[p] = samples[p];
+                variance[p] = 0;
+            }
+            continue;
+        }
+        // A mean of 0 marks an excluded pixel: it failed once and stays out.
+        const double count = static_cast<double>(k + 1);
+        for (int64_t p = 0; p < pixels; ++p) {
+            if (lib::isvalid_double(mean[p]) && lib::isvalid(samples[p])) {
+                lib::running_update(count, mean[p], variance[p], samples[p], true);
+            } else {
+                mean[p] = 0;
+                variance[p] = 0;
+            }
+        }
+    }
+
+    // A variance of exactly 0 (a constant pixel, or a single interferogram)
+    // is no evidence of stability and does not qualify.
+    float least = 999999.0f;
+    int64_t chosen = -1;
+    for (int64_t p = 0; p < pixels; ++p) {
+        if (!lib::isvalid_double(variance[p])) continue;
+        const double magnitude = std::fabs(variance[p]);
+        if (least > magnitude) {
+            least = static_cast<float>(magnitude);
+            chosen = p;
+        }
+    }
+    std::free(mean);
+    std::free(variance);
+    std::free(samples);
+
+    if (chosen < 0) no_stable_point();
+    write_report(cfg, chosen, header);
+    return chosen;
+}
+
+int64_t find_ref_grid(CFG cfg)
+{
+    const HEADER header = readheader(cfg.headerfile);
+    const int64_t pixels = pixel_count(header);
+    // A cell below one pixel makes no sense; one pixel is the closest meaning.
+    const int64_t side = std::max(cfg.ref_window, 1);
+
+    // Cells start at row 0, column 0; the last cell across and down may be
+    // partial, or empty when the size is a multiple of the side.
+    int64_t across = 0;
+    int64_t down = 0;
+    if (pixels > 0) {
+        across = static_cast<int64_t>(std::floor(static_cast<double>(header.WIDTH) / static_cast<double>(side))) + 1;
+        down = static_cast<int64_t>(std::floor(static_cast<double>(header.FILE_LENGTH) / static_cast<double>(side))) + 1;
+    }
+    const int64_t cells = across * down;
+
+    double* mean = nullptr;
+    double* variance = nullptr;
+    double* count = nullptr;     // interferograms seen; 0 marks an excluded cell
+    double* cell_sum = nullptr;  // this interferogram's valid samples, per cell
+    double* cell_n = nullptr;
+    float* samples = nullptr;
+    if (cells > 0) {
+        mean = zeroed_doubles(cells);
+        variance = zeroed_doubles(cells);
+        count = zeroed_doubles(cells);
+        cell_sum = zeroed_doubles(cells);
+        cell_n = zeroed_doubles(cells);
+        samples = lib::zeros_float(pixels, 1);
+        if (!samples) lib::out_of_memory();
+    }
+
+    for (size_t k = 0; k < cfg.ifg_names.size(); ++k) {
+        const Path path = join_path(cfg.datafolder, cfg.ifg_names[k].c_str());
+        read_raster(path.c_str(), 0, pixels, samples);
+
+        // One pass in raster order adds each cell's samples row by row, the
+        // order a cell-by-cell walk would take.
+        if (cells > 0) {
+            std::fill(cell_sum, cell_sum + cells, 0.0);
+            std::fill(cell_n, cell_n + cells, 0.0);
+        }
+        for (int64_t i = 0; i < (pixels > 0 ? header.FILE_LENGTH : 0); ++i) {
+            const int64_t cell_row = (i / side) * across;
+            const float* line = samples + i * header.WIDTH;
+            for (int64_t j = 0; j < header.WIDTH; ++j) {
+                if (!lib::isvalid(line[j])) continue;
+                const int64_t cell = cell_row + j / side;
+                cell_sum[cell] += line[j];
+                cell_n[cell] += 1;
+            }
+        }
+
+        for (int64_t cell = 0; cell < cells; ++cell) {
+            if (k == 0) {
+                if (cell_n[cell] < 0.5) {
+                    count[cell] = 0;
+                    continue;
+                }
+                count[cell] = count[cell] + 1;
+                mean[cell] = cell_sum[cell] / cell_n[cell];
+                variance[cell] = 0;
+                continue;
+            }
+            if (count[cell] < 0.5) continue;
+            if (cell_n[cell] < 0.5) {
+                count[cell] = 0;
+                continue;
+            }
+            count[cell] = count[cell] + 1;
+            lib::running_update(count[cell], mean[cell], variance[cell], cell_sum[cell] / cell_n[cell], true);
+        }
+    }
+
+    // Unlike the single-pixel search, a deviation of 0 qualifies here: the
+    // cell's count, not its spread, decides whether it is a candidate.
+    const int64_t half = static_cast<int64_t>(std::ceil((side - 1) * 0.5));
+    float least = 999999.0f;
+    int64_t chosen = -1;
+    for (int64_t r = 0; r < down; ++r) {
+        for (int64_t c = 0; c < across; ++c) {
+            const int64_t cell = r * across + c;
+            if (!lib::isvalid_double(count[cell])) continue;
+            variance[cell] = std::sqrt(variance[cell]);  // now the deviation
+            if (!(least > variance[cell])) continue;
+            least = static_cast<float>(variance[cell]);
+            int64_t centre_row = r * side + half;
+            int64_t centre_col = c * side + half;
+            // A partial last row of cells is pulled back inside the grid. The
+            // column of a partial last column may stay at WIDTH, which names
+            // the first pixel of the next row; reports and users' later runs
+            // rely on that index, so it is kept.
+            if (centre_row >= header.FILE_LENGTH) centre_row = header.FILE_LENGTH - 1;
+            if (centre_col > header.WIDTH) centre_col = header.WIDTH;
+            chosen = centre_row * header.WIDTH + centre_col;
+        }
+    }
+    std::free(mean);
+    std::free(variance);
+    std::free(count);
+    std::free(cell_sum);
+    std::free(cell_n);
+    std::free(samples);
+
+    if (chosen < 0) no_stable_point();
+    write_report(cfg, chosen, header);
+    return chosen;
+}
+
+}  // namespace com
+
+namespace sbas {
+namespace {
+
+void set_reference_pixel(CFG* cfg, int64_t index, const HEADER& header)
+{
+    const com::Place place = com::place_of(index, header);
+    cfg->ref_col = place.col;
+    cfg->ref_row = place.row;
+    cfg->ref_lat = static_cast<float>(place.lat);
+    cfg->ref_lon = static_cast<float>(place.lon);
+}
+
+}  // namespace
+
+float* sbas_step1(CFG* cfg)
+{
+    const HEADER header = com::readheader(cfg->headerfile);
+
+    if (cfg->ref_col < 0) lib::die("ERROR: Rereference point out of coverage!\n");
+
+    // Row 0 with column 0 means that no pixel was given, so pixel (0, 0)
+    // itself cannot be named.
+    if (cfg->ref_col != 0 || cfg->ref_row != 0) {
+        if (cfg->ref_col < header.WIDTH && cfg->ref_row >= 0 && cfg->ref_row < header.FILE_LENGTH)
+            return com::get_ref_point_value(*cfg, header.WIDTH * cfg->ref_row + cfg->ref_col);
+        lib::die("ERROR: Rereference point out of coverage!\n");
+    }
+
+    switch (cfg->ref_method) {
+    case 0: {
+        std::fprintf(stderr, "\n*********Looking for an arbitrary reference point********\n");
+        const int64_t index = com::find_ref_point(*cfg);
+        float* values = com::get_ref_point_value(*cfg, index);
+        set_reference_pixel(cfg, index, header);
+        return values;
+    }
+    case 1:
+        std::fprintf(stderr, "\n***********Using global mean as reference point**********\n");
+        return com::get_ref_point_value_global_mean(*cfg);
+    case 2: {
+        std::fprintf(stderr, "\n***********Looking for a stable reference point**********\n");
+        const int64_t index = com::find_ref_grid(*cfg);
+        float* values = com::get_ref_point_value(*cfg, index);
+        set_reference_pixel(cfg, index, header);
+        return values;
+    }
+    default: {
+        // No method, no reference: zeros leave the interferograms as they
+        // are. One entry per interferogram, never an empty block.
+        const int64_t n = std::max<int64_t>(static_cast<int64_t>(cfg->ifg_names.size()), 1);
+        float* values = lib::zeros_float(n, 1);
+        if (!values) lib::out_of_memory();
+        return values;
+    }
+    }
+}
+
+}  // namespace sbas

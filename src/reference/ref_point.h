@@ -1,0 +1,31 @@
+// Choice of the reference: a given pixel, the pixel of least temporal
+// variance, the most stable window, or the global mean.
+#pragma once
+
+#include <cstdint>
+
+#include "config/cfg.h"
+
+namespace sbas {
+
+// The reference stage of the driver: chooses the reference by ref_row/ref_col
+// or ref_method, writes an automatically chosen pixel back into *cfg
+// (ref_row, ref_col, ref_lat, ref_lon) and returns the reference values, one
+// float per interferogram (std::free; never null, one zero for an empty
+// list). A ref_method other than 0, 1 or 2 with no pixel given returns zeros.
+float* sbas_step1(CFG* cfg);
+
+}  // namespace sbas
+
+namespace com {
+
+// Flat index of the pixel of least temporal variance; writes "refpoint".
+// Ends the run when no pixel qualifies.
+int64_t find_ref_point(CFG cfg);
+
+// Flat index of the centre of the most stable ref_window cell (a window
+// below 1 is taken as 1); writes "refpoint". Ends the run when no cell
+// qualifies.
+int64_t find_ref_grid(CFG cfg);
+
+}  // namespace com

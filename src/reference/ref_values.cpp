@@ -1,0 +1,148 @@
+// Reference values: the number subtracted from every sample of an
+// interferogram so that all interferograms share one datum.
+//
+// With a reference pixel the value is the mean of the valid samples in a
+// small square window around it, read sample by sample with one seek each:
+// a window touches a few dozen samples, so reading whole rasters would be
+// waste. The spread reported next to it is the population deviation of the
+// same samples, from sums whose squares are formed in single precision, as
+// the values themselves are single precision.
+//
+// Without a reference pixel the value is the mean of every valid sample of
+// the interferogram, accumulated with the running mean and sample variance
+// so that a whole scene never has to be summed in one pass of squares.
+//
+// Both forms stop the run when an interferogram has nothing to offer: a
+// reference of no data would shift that interferogram by an arbitrary
+// amount and poison every later estimate.
+#include "reference/ref_values.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <limits>
+
+#include "catalogue/raster.h"
+#include "config/fatal.h"
+#include "numerics/arrays.h"
+#include "numerics/stats.h"
+#include "numerics/validity.h"
+
+namespace com {
+namespace {
+
+// Pixels of the grid; a header with a non-positive size describes no grid.
+int64_t pixel_count(const HEADER& header)
+{
+    if (header.WIDTH < 1 || header.FILE_LENGTH < 1) return 0;
+    return header.WIDTH * header.FILE_LENGTH;
+}
+
+// One zero per interferogram, and never an empty block, so that callers may
+// index and free it alike.
+float* value_block(size_t n)
+{
+    float* values = lib::zeros_float(std::max<int64_t>(static_cast<int64_t>(n), 1), 1);
+    if (!values) lib::out_of_memory();
+    return values;
+}
+
+// Byte offsets beyond this cannot be formed without overflow; no real file
+// reaches them, so such a sample is read as missing.
+constexpr int64_t kLastAddressable = std::numeric_limits<int64_t>::max() / 4;
+
+}  // namespace
+
+float read_windowed_point(int64_t index, int window, FILE* raster, float* std_out, const HEADER& header)
+{
+    // A window below one pixel makes no sense; the reference sample alone is
+    // the closest meaning.
+    if (window < 1) window = 1;
+    const int64_t half = static_cast<int64_t>(std::ceil((window - 1) * 0.5));
+
+    int64_t n = 0;
+    double sum = 0.0;
+    double sumsq = 0.0;
+    if (pixel_count(header) > 0) {
+        const double row_d = std::floor(static_cast<double>(index) / static_cast<double>(header.WIDTH));
+        const auto row = static_cast<int64_t>(row_d);
+        const auto col = static_cast<int64_t>(static_cast<double>(index) - row_d * static_cast<double>(header.WIDTH));
+        // Only the part of the window inside the grid is visited; the rest
+        // would be skipped sample by sample anyway.
+        const int64_t r_first = std::max<int64_t>(row - half, 0);
+        const int64_t r_last = std::min<int64_t>(row + half, header.FILE_LENGTH - 1);
+        const int64_t c_first = std::max<int64_t>(col - half, 0);
+        const int64_t c_last = std::min<int64_t>(col + half, header.WIDTH - 1);
+        for (int64_t r = r_first; r <= r_last; ++r) {
+            for (int64_t c = c_first; c <= c_last; ++c) {
+                if (r * header.WIDTH + c > kLastAddressable) continue;
+                // A sample that cannot be read comes back as 0, i.e. no data.
+                const float v = readonerecord(raster, r, c, header);
+                if (!lib::isvalid(v)) continue;
+                ++n;
+                sum += v;
+                const float square = v * v;
+                sumsq += square;
+            }
+        }
+    }
+    const double count = static_cast<double>(n);
+    if (std_out) *std_out = static_cast<float>(std::sqrt(count * sumsq - sum * sum) / count);
+    return static_cast<float>(sum / count);  // NaN when nothing was valid
+}
+
+float* get_ref_point_value(const CFG& cfg, int64_t index)
+{
+    const HEADER header = readheader(cfg.headerfile);
+    float* values = value_block(cfg.ifg_names.size());
+    for (size_t k = 0; k < cfg.ifg_names.size(); ++k) {
+        const char* name = cfg.ifg_names[k].c_str();
+        const Path path = join_path(cfg.datafolder, name);
+        FILE* raster = lib::fopen_zq(path.c_str(), "rb");
+        float spread = 0;
+        values[k] = read_windowed_point(index, cfg.ref_window, raster, &spread, header);
+        if (!lib::isvalid(values[k])) lib::die("ERROR: no valid values around the reference point!\n");
+        std::fprintf(stderr, "%s refpoint value %8.3f %6.3f\n", name, values[k], spread);
+        std::fclose(raster);
+    }
+    return values;
+}
+
+float* get_ref_point_value_global_mean(const CFG& cfg)
+{
+    const HEADER header = readheader(cfg.headerfile);
+    const int64_t pixels = pixel_count(header);
+    float* values = value_block(cfg.ifg_names.size());
+    float* samples = nullptr;
+    if (pixels > 0) {
+        samples = lib::zeros_float(pixels, 1);
+        if (!samples) lib::out_of_memory();
+    }
+    for (size_t k = 0; k < cfg.ifg_names.size(); ++k) {
+        const char* name = cfg.ifg_names[k].c_str();
+        const Path path = join_path(cfg.datafolder, name);
+        read_raster(path.c_str(), 0, pixels, samples);
+
+        double count = 0;
+        double mean = 0;
+        double variance = 0;
+        for (int64_t p = 0; p < pixels; ++p) {
+            if (!lib::isvalid(samples[p])) continue;
+            count += 1;
+            if (count == 1) {
+                mean = samples[p];
+                variance = 0;
+            } else {
+                lib::running_update(count, mean, variance, samples[p], false);
+            }
+        }
+        if (count < 0.5 || std::isnan(static_cast<float>(variance)))
+            lib::die_stdout("Cannot find a valid reference value for %s\n", name);
+        values[k] = static_cast<float>(mean);
+        std::fprintf(stderr, "%s refpoint value %8.3f %6.3f\n", name, values[k], std::sqrt(variance));
+    }
+    std::free(samples);
+    return values;
+}
+
+}  // namespace com
