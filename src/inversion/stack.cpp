@@ -1,0 +1,96 @@
+// Loading a batch of the interferogram stack.
+//
+// The interferograms are split over the threads in contiguous blocks; each
+// thread opens its files one after another and reads the batch's stretch of
+// pixels with one seek and one read, straight into the interferogram's row.
+// A valid sample outside the closure mask is referred to the reference by
+// subtracting the interferogram's reference value; anything else becomes 0,
+// the no-data value. A sample that equals its reference value therefore
+// becomes 0 as well and no longer counts.
+//
+// Pixels observed by too small a share of the interferograms are dropped
+// whole: the ratio setting is held as a float and compared, widened, with the
+// double share, so 0.3 (0.30000001...) drops a pixel seen 3 times in 10.
+//
+// After the reading, the same threads count and test pixels in contiguous
+// blocks of the batch; every pixel's result is independent of the split, so
+// the stack is the same for any number of threads.
+#include "inversion/stack.h"
+
+#include <omp.h>
+
+#include "catalogue/raster.h"
+#include "config/fatal.h"
+#include "numerics/arrays.h"
+#include "numerics/parallel.h"
+#include "numerics/validity.h"
+
+namespace com {
+namespace {
+
+void read_referenced_row(const CFG& cfg, int64_t k, int64_t start, int64_t width, float reference,
+                         const float* mask, float* row)
+{
+    const Path path = join_path(cfg.datafolder, cfg.ifg_names[static_cast<size_t>(k)].c_str());
+    FILE* stream = lib::fopen_zq(path.c_str(), "rb");
+    read_samples(stream, path.c_str(), start, width, row);
+    std::fclose(stream);
+    for (int64_t j = 0; j < width; ++j) {
+        const bool keep = lib::isvalid(row[j]) && (!mask || mask[start + j] < 0.5);
+        row[j] = keep ? row[j] - reference : 0.0f;
+    }
+}
+
+// Counts the valid interferograms of pixels [first, end) of the batch and
+// drops the pixels seen by too few of them.
+void count_and_drop(float** stack, int64_t n, int64_t first, int64_t end, float minimum_ratio, int* count)
+{
+    if (n < 1) return;
+    for (int64_t k = 0; k < n; ++k)
+        for (int64_t j = first; j < end; ++j) count[j] += lib::isvalid(stack[k][j]) ? 1 : 0;
+    const double ratio = minimum_ratio;
+    for (int64_t j = first; j < end; ++j) {
+        if (!(ratio > static_cast<double>(count[j]) / static_cast<double>(n))) continue;
+        for (int64_t k = 0; k < n; ++k) stack[k][j] = 0.0f;
+        count[j] = 0;
+    }
+}
+
+float** load(const CFG& cfg, int64_t start, int64_t end, const float* reference_values, const float* mask,
+             int* count)
+{
+    const int64_t n = static_cast<int64_t>(cfg.ifg_names.size());
+    const int64_t width = end > start ? end - start : 0;
+    float** stack = lib::create_2d_array_float(n, width);
+    if (!lib::complete(stack, n, width)) lib::out_of_memory();
+
+#pragma omp parallel num_threads(lib::region_threads(cfg.max_parallel_threads))
+    {
+        const int threads = omp_get_num_threads();
+        const int thread = omp_get_thread_num();
+        const lib::Block files = lib::block_of(n, threads, thread);
+        for (int64_t k = files.first; k < files.end; ++k)
+            read_referenced_row(cfg, k, start, width, reference_values[k], mask, stack[k]);
+        if (count) {
+#pragma omp barrier
+            const lib::Block pixels = lib::block_of(width, threads, thread);
+            count_and_drop(stack, n, pixels.first, pixels.end, cfg.minimum_temporal_ifg_ratio, count);
+        }
+    }
+    return stack;
+}
+
+}  // namespace
+
+float** readallfile(const CFG& cfg, int64_t start, int64_t end, const float* reference_values,
+                    const float* closure_mask, int* count)
+{
+    return load(cfg, start, end, reference_values, closure_mask, count);
+}
+
+float** readallfile_nomask(const CFG& cfg, int64_t start, int64_t end, const float* reference_values)
+{
+    return load(cfg, start, end, reference_values, nullptr, nullptr);
+}
+
+}  // namespace com
