@@ -1,0 +1,214 @@
+// The main sequence of a run.
+//
+// Stages run strictly one after another on this thread and meet through
+// files and through the run record: a stage that changes what later stages
+// see (dropping interferograms, switching to corrected copies) changes the
+// record it is handed by pointer. The driver keeps the few arrays that pass
+// between stages: the reference values (one per interferogram), the closure
+// mask (one per pixel), the baselines and the ordered dates.
+//
+// The network inversion is cut into batches of maxcap consecutive pixels
+// (batches may cut rows), so only one batch of the stack is in memory at a
+// time; the batch arithmetic lives here and nowhere else.
+//
+// A stage that this build does not provide yet is named on standard error
+// and skipped; the run goes on with what it has.
+#include "app/driver.h"
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "catalogue/baselines.h"
+#include "catalogue/dates.h"
+#include "catalogue/filelist.h"
+#include "catalogue/header.h"
+#include "catalogue/raster.h"
+#include "config/cfg.h"
+#include "config/fatal.h"
+#include "inversion/network.h"
+#include "inversion/stack.h"
+#include "numerics/arrays.h"
+#include "reference/ref_point.h"
+
+namespace sbas {
+namespace {
+
+void not_available(const char* stage)
+{
+    std::fprintf(stderr, "%s is not available yet in this version of sbas-ts; skipped\n", stage);
+}
+
+// The stages after the inversion, in the order if_apply_filter asks for them.
+enum class Filter { spatial, temporal, spatio_temporal };
+
+std::vector<Filter> filters_for(int if_apply_filter)
+{
+    switch (if_apply_filter) {
+    case 1: return {Filter::spatial};
+    case 2: return {Filter::temporal};
+    case 3: return {Filter::temporal, Filter::spatial};
+    case 4: return {Filter::spatial, Filter::temporal};
+    case 5: return {Filter::spatio_temporal};
+    default: return {};
+    }
+}
+
+void run_filter(Filter filter, CFG /*own copy for the filter*/)
+{
+    switch (filter) {
+    case Filter::spatial: not_available("The spatial filter"); break;
+    case Filter::temporal: not_available("The temporal filter"); break;
+    case Filter::spatio_temporal: not_available("The spatio-temporal filter"); break;
+    }
+}
+
+int64_t pixel_count(const HEADER& header)
+{
+    if (header.WIDTH < 1 || header.FILE_LENGTH < 1) return 0;
+    return header.WIDTH * header.FILE_LENGTH;
+}
+
+// Step of the loop-closure check: fills `mask` (pixel_count floats, zeroed)
+// from "phase_loop_closure_mask" when there is one to use.
+void loop_closure_stage(const CFG& cfg, int64_t pixels, float* mask)
+{
+    const com::Path mask_path = com::join_path(cfg.resultfolder, "phase_loop_closure_mask");
+    FILE* existing = std::fopen(mask_path.c_str(), "rb");
+    const bool reuse = existing && cfg.if_use_existing_phasemask != 0;
+    if (existing) std::fclose(existing);
+    if (reuse) {
+        std::fputs("Use existing phase closure mask\n", stderr);
+    } else {
+        not_available("The loop-closure check");
+        return;
+    }
+    // A mask shorter than the grid is taken as it is: the rest stays 0.
+    FILE* file = lib::fopen_zq(mask_path.c_str(), "rb");
+    if (pixels > 0) {
+        const size_t got = std::fread(mask, sizeof(float), static_cast<size_t>(pixels), file);
+        (void)got;
+    }
+    std::fclose(file);
+}
+
+// Step of the network inversion: every batch of maxcap pixels is loaded and
+// inverted before the next one is touched.
+void invert_in_batches(const CFG& cfg, const HEADER& header, const std::vector<DATEORDER>& dates,
+                       const BASELINE* baselines, const float* reference_values, const float* mask)
+{
+    std::fputs("\n*************Time series inversion start*****************\n", stderr);
+    if (cfg.maxcap < 1) lib::die("maxcap must be a positive number of pixels (it is %lld)\n",
+                                 static_cast<long long>(cfg.maxcap));
+    const int64_t pixels = pixel_count(header);
+    const float total = std::ceil(static_cast<float>(header.FILE_LENGTH) * static_cast<float>(header.WIDTH) /
+                                  static_cast<float>(cfg.maxcap));
+    const int rows = static_cast<int>(cfg.ifg_names.size());
+    int64_t first = 0;
+    int64_t end = std::min(cfg.maxcap, pixels);
+    for (int batch = 1;; ++batch) {
+        std::fprintf(stderr, "\n=> Inversing batch %d / %.0f\n", batch, total);
+        int* count = lib::zeros_int(end - first, 1);
+        if (!count && end > first) lib::out_of_memory();
+        float** stack = com::readallfile(cfg, first, end, reference_values, mask, count);
+        sbas_step2_sbas_linear_new(cfg, dates, baselines, stack, count, first, end);
+        lib::free2d_float(stack, rows);
+        std::free(count);
+        if (end == pixels) break;
+        first += cfg.maxcap;
+        end = std::min(end + cfg.maxcap, pixels);
+    }
+    std::fputs("\n*************Time series inversion finish****************\n", stderr);
+}
+
+// Removes the corrected copies once the stages that read them are done. By
+// then datafolder is the result folder and the names carry the corrections'
+// suffixes, so only the copies go.
+void delete_corrected_copies(const CFG& cfg)
+{
+    for (const auto& name : cfg.ifg_names) {
+        const com::Path path = com::join_path(cfg.datafolder, name.c_str());
+        std::remove(path.c_str());
+    }
+}
+
+}  // namespace
+
+void sbas_allocate_area(const char* config_path)
+{
+    CFG cfg = lib::loadcfg(config_path);
+    const bool reference_consumer = cfg.if_check_loop_closure == 1 || cfg.if_inverse_time_series == 1 ||
+                                    cfg.if_stacking == 1;
+
+    // Reference values on the interferograms as given; the loop-closure
+    // check needs them. Zeros when nothing consumes them.
+    const size_t n_names = cfg.ifg_names.size();
+    float* reference_values = static_cast<float*>(std::calloc(n_names ? n_names : 1, sizeof(float)));
+    if (!reference_values) lib::out_of_memory();
+    if (reference_consumer) {
+        std::free(reference_values);
+        reference_values = sbas_step1(&cfg);
+    }
+
+    const HEADER header = com::readheader(cfg.headerfile);
+    const int64_t pixels = pixel_count(header);
+    float* mask = lib::zeros_float(pixels, 1);
+    if (!mask && pixels > 0) lib::out_of_memory();
+
+    if (cfg.if_check_loop_closure == 1) loop_closure_stage(cfg, pixels, mask);
+
+    // The corrections switch the run to their corrected copies; the
+    // elevation-dependent one runs first.
+    bool corrections_ran = false;
+    if (cfg.if_remove_eds == 1) not_available("The elevation-dependent correction");
+    if (cfg.if_remove_orbit == 1) not_available("The orbital ramp correction");
+    if (corrections_ran && reference_consumer) {
+        std::fputs("\n*************Updating reference point values*************\n", stderr);
+        std::free(reference_values);
+        reference_values = sbas_step1(&cfg);
+    }
+
+    // Baselines are only needed for the DEM-error term. Any run of the
+    // inversion with that term reads them, so the inversion never indexes a
+    // placeholder.
+    BASELINE* baselines = nullptr;
+    if (cfg.if_inverse_time_series != 0 && cfg.if_est_hgt == 1) baselines = com::get_baselines(cfg);
+
+    const std::vector<DATEORDER> dates = com::getdateorder(cfg);
+    if (cfg.temporal_constraint == 2) {
+        if (!dates.empty() && dates.front().date <= cfg.simple_log_origin)
+            lib::die("simple_log_origin is should be earlier than the first observation date!\n");
+        cfg.simple_log_origin_mjd = lib::date2mjd(cfg.simple_log_origin);
+    }
+    com::readdesignmatrixorder(&cfg, dates);
+    cfg.n_ifg = static_cast<int>(cfg.ifg_names.size());
+    cfg.n_date = static_cast<int>(dates.size());
+
+    if (cfg.if_stacking == 1) not_available("Linear stacking");
+
+    if (cfg.if_inverse_time_series != 0)
+        invert_in_batches(cfg, header, dates, baselines, reference_values, mask);
+
+    if (corrections_ran && cfg.if_keep_corrected_ifg == 0 &&
+        (cfg.if_inverse_time_series == 1 || cfg.if_stacking == 1))
+        delete_corrected_copies(cfg);
+
+    std::free(mask);
+    std::free(baselines);
+    std::free(reference_values);
+
+    // The filters work on the interferograms the loop-closure check kept, under
+    // their list names, also when the list was left by an earlier run.
+    const com::Path used = com::join_path(cfg.resultfolder, "filelist_used");
+    if (FILE* list = std::fopen(used.c_str(), "r")) {
+        std::fclose(list);
+        std::snprintf(cfg.filelist, sizeof cfg.filelist, "%s", used.c_str());
+        com::readfilenamelist(&cfg, cfg.filelist);
+    }
+
+    for (Filter filter : filters_for(cfg.if_apply_filter)) run_filter(filter, cfg);
+}
+
+}  // namespace sbas

@@ -1,0 +1,12 @@
+// The main sequence of a run.
+#pragma once
+
+namespace sbas {
+
+// Loads the job from the configuration file at `config_path` and runs the
+// enabled stages one after another: reference values, loop-closure check,
+// corrections, date order, stacking, the network inversion in pixel batches
+// of maxcap pixels, and the filters chosen by if_apply_filter.
+void sbas_allocate_area(const char* config_path);
+
+}  // namespace sbas

@@ -1,0 +1,251 @@
+// Whole runs on noise-free synthetic jobs whose true displacement is known:
+// the outputs must recover it, relative to the reference window as the run
+// refers every interferogram to it, and cutting the grid into batches or
+// spreading it over threads must not change a single output byte.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "support/child.h"
+#include "synth/synth.h"
+
+namespace {
+
+using testing_support::read_text;
+using testing_support::run_program;
+using testing_support::TempDir;
+
+constexpr double kTolerance = 1e-4;  // radians (metres for the DEM error)
+
+struct SyntheticRun {
+    synth::Job job;
+    testing_support::Outcome outcome;
+};
+
+SyntheticRun generate_and_run(synth::Options options, const std::string& folder)
+{
+    options.threads = 1;
+    SyntheticRun run{synth::write_job(options, folder), {}};
+    run.outcome = run_program({run.job.config});
+    EXPECT_TRUE(run.outcome.exited) << "signal " << run.outcome.signal;
+    EXPECT_EQ(run.outcome.status, 0);
+    EXPECT_NE(run.outcome.err.find("finish!\n"), std::string::npos) << run.outcome.err;
+    return run;
+}
+
+std::vector<float> output(const synth::Job& job, const std::string& name)
+{
+    return synth::read_raster(job.result_folder + "/" + name, job.grid);
+}
+
+std::vector<float> truth(const synth::Job& job, const std::string& name)
+{
+    return synth::read_raster(job.truth_folder + "/" + name, job.grid);
+}
+
+// The truth as the run sees it: minus its mean over the reference window.
+std::vector<double> referred(const synth::Job& job, const std::vector<float>& map)
+{
+    const int h = job.ref_window / 2;  // ceil((w - 1) / 2): an even window grows to the next odd size
+    double sum = 0;
+    int n = 0;
+    for (int r = job.ref_row - h; r <= job.ref_row + h; ++r)
+        for (int c = job.ref_col - h; c <= job.ref_col + h; ++c)
+            if (r >= 0 && r < job.grid.length && c >= 0 && c < job.grid.width) {
+                sum += map[static_cast<size_t>(r) * job.grid.width + c];
+                ++n;
+            }
+    std::vector<double> out(map.begin(), map.end());
+    for (double& v : out) v -= sum / n;
+    return out;
+}
+
+// Valid interferograms per pixel, from the input rasters.
+std::vector<int> observations(const synth::Job& job)
+{
+    std::vector<int> count(static_cast<size_t>(job.grid.width) * job.grid.length, 0);
+    for (const auto& name : job.ifgs) {
+        const auto ifg = synth::read_raster(job.ifg_folder + "/" + name, job.grid);
+        for (size_t p = 0; p < count.size(); ++p) count[p] += synth::is_data(ifg[p]);
+    }
+    return count;
+}
+
+// Checks every output map against the truth on the pixels `estimated`
+// says, and that every other pixel is 0 in every output.
+void expect_recovered(const synth::Job& job, const std::vector<bool>& estimated, bool dem_error)
+{
+    std::vector<std::pair<std::string, std::string>> maps;  // output, truth
+    for (size_t k = 1; k < job.dates.size(); ++k)
+        maps.emplace_back(synth::culmap_name(job.dates[k], job.dates[0]), synth::truth_disp_name(job.dates[k]));
+    maps.emplace_back(synth::velocity_name, synth::truth_velocity_name);
+    if (dem_error) maps.emplace_back(synth::dem_error_name, synth::truth_dem_error_name);
+    for (const auto& [out_name, truth_name] : maps) {
+        const auto estimate = output(job, out_name);
+        const auto expected = referred(job, truth(job, truth_name));
+        double worst = 0;
+        size_t skipped_nonzero = 0;
+        for (size_t p = 0; p < estimate.size(); ++p) {
+            if (estimated[p]) worst = std::max(worst, std::fabs(estimate[p] - expected[p]));
+            else skipped_nonzero += estimate[p] != 0.0f;
+        }
+        EXPECT_LT(worst, kTolerance) << out_name;
+        EXPECT_EQ(skipped_nonzero, 0u) << out_name;
+    }
+    const auto sigma = output(job, "least_square_sigma");
+    for (size_t p = 0; p < sigma.size(); ++p)
+        if (!estimated[p]) EXPECT_EQ(sigma[p], 0.0f);
+}
+
+std::vector<bool> all_pixels(const synth::Job& job)
+{
+    return std::vector<bool>(static_cast<size_t>(job.grid.width) * job.grid.length, true);
+}
+
+TEST(Recovery, AnyDeformationWithoutTemporalConstraint)
+{
+    for (auto deformation : {synth::Deformation::linear, synth::Deformation::mixed}) {
+        TempDir dir;
+        synth::Options o;
+        o.deformation = deformation;
+        o.long_links = 3;
+        o.jitter = 4;
+        const SyntheticRun run = generate_and_run(o, dir / "job");
+        expect_recovered(run.job, all_pixels(run.job), false);
+    }
+}
+
+TEST(Recovery, LinearDeformationWithTheLinearConstraintAndGaps)
+{
+    TempDir dir;
+    synth::Options o;
+    o.deformation = synth::Deformation::linear;
+    o.nodata_fraction = 1.0;
+    o.nodata_size = 0.7;
+    o.settings = {{"temporal_constraint", "1"}, {"minimum_temporal_ifg_ratio", "0.7"}};
+    const SyntheticRun run = generate_and_run(o, dir / "job");
+    // Every pixel seen by at least 70% of the interferograms is estimated;
+    // the constraint rows keep even a disconnected network solvable.
+    const auto count = observations(run.job);
+    std::vector<bool> estimated(count.size());
+    size_t dropped = 0;
+    for (size_t p = 0; p < count.size(); ++p) {
+        estimated[p] = !(static_cast<double>(0.7f) > static_cast<double>(count[p]) / run.job.ifgs.size());
+        dropped += !estimated[p];
+    }
+    EXPECT_GT(dropped, 0u);  // the job does exercise the gaps
+    expect_recovered(run.job, estimated, false);
+}
+
+TEST(Recovery, LogarithmicDeformationWithTheLogarithmicConstraint)
+{
+    TempDir dir;
+    synth::Options o;
+    o.deformation = synth::Deformation::log;
+    o.log_origin = 20161201;
+    o.nodata_fraction = 0.3;
+    o.settings = {{"temporal_constraint", "2"}, {"minimum_temporal_ifg_ratio", "0"}};
+    const SyntheticRun run = generate_and_run(o, dir / "job");
+    const auto count = observations(run.job);
+    std::vector<bool> estimated(count.size());
+    for (size_t p = 0; p < count.size(); ++p) estimated[p] = count[p] > 0;
+    expect_recovered(run.job, estimated, false);
+}
+
+TEST(Recovery, DemErrorThroughThePerpendicularBaselines)
+{
+    // Baselines that are exact differences of per-date baselines make the
+    // DEM-error column a combination of the increment columns; the temporal
+    // model is what separates the two.
+    TempDir dir;
+    synth::Options o;
+    o.deformation = synth::Deformation::linear;
+    o.dem_error = true;
+    o.nodata_fraction = 0.3;
+    o.settings = {{"if_est_hgt", "1"}, {"temporal_constraint", "1"}, {"minimum_temporal_ifg_ratio", "0"}};
+    const SyntheticRun run = generate_and_run(o, dir / "job");
+    const auto count = observations(run.job);
+    std::vector<bool> estimated(count.size());
+    for (size_t p = 0; p < count.size(); ++p) estimated[p] = count[p] > 0;
+    expect_recovered(run.job, estimated, true);
+}
+
+TEST(Recovery, PixelsWithFewerObservationsThanUnknownsAreZero)
+{
+    TempDir dir;
+    synth::Options o;
+    o.dates = 8;
+    o.neighbours = 2;
+    o.nodata_fraction = 0.9;
+    o.nodata_size = 0.6;
+    o.settings = {{"minimum_temporal_ifg_ratio", "0"}};
+    const SyntheticRun run = generate_and_run(o, dir / "job");
+    const auto count = observations(run.job);
+    const int unknowns = static_cast<int>(run.job.dates.size()) - 1;
+    size_t skipped = 0;
+    for (size_t p = 0; p < count.size(); ++p) {
+        if (count[p] >= unknowns) continue;
+        ++skipped;
+        for (size_t k = 1; k < run.job.dates.size(); ++k)
+            EXPECT_EQ(output(run.job, synth::culmap_name(run.job.dates[k], run.job.dates[0]))[p], 0.0f);
+        EXPECT_EQ(output(run.job, "least_square_sigma")[p], 0.0f);
+        EXPECT_EQ(output(run.job, "linear_mean_velocity")[p], 0.0f);
+    }
+    EXPECT_GT(skipped, 0u);
+}
+
+// All output files of a run, by name.
+std::map<std::string, std::string> outputs_of(const synth::Job& job)
+{
+    std::map<std::string, std::string> files;
+    for (size_t k = 1; k < job.dates.size(); ++k) {
+        const std::string name = synth::culmap_name(job.dates[k], job.dates[0]);
+        files[name] = read_text(job.result_folder + "/" + name);
+    }
+    for (const char* name : {"least_square_sigma", "linear_mean_velocity", "baseline_dependent_dem_error"})
+        files[name] = read_text(job.result_folder + "/" + name);
+    return files;
+}
+
+TEST(Reproducibility, BatchSizesAndThreadCountsChangeNoOutputByte)
+{
+    TempDir dir;
+    synth::Options o;
+    o.width = 13;
+    o.length = 9;
+    o.dates = 10;
+    o.deformation = synth::Deformation::mixed;
+    o.noise = 0.3;
+    o.nodata_fraction = 0.5;
+    o.dem_error = true;
+    o.long_links = 2;
+    o.settings = {{"if_est_hgt", "1"}, {"temporal_constraint", "1"}, {"minimum_temporal_ifg_ratio", "0.2"}};
+    const synth::Job job = synth::write_job(o, dir / "job");
+    const int pixels = job.grid.width * job.grid.length;
+
+    std::map<std::string, std::string> reference;
+    const std::vector<std::pair<int, int>> runs = {
+        {pixels, 1}, {1, 1}, {7, 2}, {pixels, 2}, {pixels + 50, 4}, {pixels - 1, 3}, {40, 4}};
+    for (const auto& [maxcap, threads] : runs) {
+        const std::string config = dir / ("config-" + std::to_string(maxcap) + "-" + std::to_string(threads));
+        testing_support::write_text(config, read_text(job.config) + "maxcap " + std::to_string(maxcap) +
+                                                "\nmax_parallel_threads " + std::to_string(threads) + "\n");
+        const auto outcome = run_program({config});
+        ASSERT_NE(outcome.err.find("finish!\n"), std::string::npos) << outcome.err;
+        const auto files = outputs_of(job);
+        EXPECT_EQ(files.at("least_square_sigma").size(), static_cast<size_t>(pixels) * 4);
+        if (reference.empty()) {
+            reference = files;
+            continue;
+        }
+        for (const auto& [name, bytes] : files)
+            EXPECT_TRUE(bytes == reference.at(name)) << name << " differs with maxcap " << maxcap << ", threads "
+                                                     << threads;
+    }
+}
+
+}  // namespace
