@@ -1,0 +1,46 @@
+// The raster files of a job: a text header of `KEY value` lines and a
+// headerless little-endian float32 array of FILE_LENGTH rows of WIDTH samples.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace synth {
+
+// A geographic grid: longitude of column j is x_first + j * x_step, latitude
+// of row i is y_first + i * y_step (degrees; y_step < 0 for north-up).
+struct Grid {
+    int width = 0;   // samples per row
+    int length = 0;  // rows
+    double x_first = 0.0;
+    double y_first = 0.0;
+    double x_step = 0.0;
+    double y_step = 0.0;
+};
+
+// True when a sample holds data: not NaN, not infinite and |x| >= 1e-8 once
+// widened to double (exact 0 is the usual no-data marker).
+bool is_data(float x);
+
+// Shortest text that reads back to exactly `value` ("%.17g"-exact, but
+// without trailing noise digits).
+std::string format_double(double value);
+
+// Writes the six header keys WIDTH, FILE_LENGTH, X_FIRST, Y_FIRST, X_STEP,
+// Y_STEP, one `KEY value` line each. Throws Error when the file can't be written.
+void write_header(const std::string& path, const Grid& grid);
+
+// Reads a header. WIDTH and FILE_LENGTH are required and must be positive;
+// the other keys default to 0 when absent; unknown keys are ignored.
+// Throws Error when the file is missing or malformed.
+Grid read_header(const std::string& path);
+
+// Writes `count` samples with one fwrite. Throws Error on failure.
+void write_raster(const std::string& path, const float* data, std::size_t count);
+
+// Reads a raster of grid.width * grid.length samples. Throws Error when the
+// file is missing or its size is not exactly that many samples.
+std::vector<float> read_raster(const std::string& path, const Grid& grid);
+
+}  // namespace synth
