@@ -1,0 +1,240 @@
+// Benchmark of the inversion on a medium synthetic stack.
+//
+// Generates a job once (about 1000 x 1000 pixels, 60 dates, 230
+// interferograms with some no-data), then measures:
+//   - the I/O floor: reading every interferogram file once, whole;
+//   - the stack loader over the whole grid, batch by batch;
+//   - the inversion of every batch (loader excluded);
+// for 1 and 2 threads, and prints pixels per second and the ratio of the
+// inversion time to the I/O floor. Finally it runs the sbas-ts program on
+// the job with two batch sizes and reports the peak resident memory of each
+// run, which is what maxcap bounds.
+//
+// The files are read from the page cache after the first pass, so the I/O
+// floor is the cost of touching every byte once, not of a cold disk.
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "catalogue/dates.h"
+#include "catalogue/header.h"
+#include "catalogue/raster.h"
+#include "config/cfg.h"
+#include "inversion/network.h"
+#include "inversion/stack.h"
+#include "numerics/arrays.h"
+#include "synth/synth.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double seconds_since(Clock::time_point start)
+{
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+struct Settings {
+    std::string folder = "/tmp/sbas-bench-job";
+    int width = 1000, length = 1000, dates = 60, neighbours = 4;
+    double nodata_fraction = 0.2;
+    long long maxcap = 250000;
+    long long small_maxcap = 50000;
+    bool regenerate = false;
+};
+
+Settings parse(int argc, char** argv)
+{
+    Settings s;
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        auto value = [&]() -> std::string {
+            if (i + 1 >= argc) {
+                std::fprintf(stderr, "%s needs a value\n", arg.c_str());
+                std::exit(2);
+            }
+            return argv[++i];
+        };
+        if (arg == "--folder") s.folder = value();
+        else if (arg == "--width") s.width = std::stoi(value());
+        else if (arg == "--length") s.length = std::stoi(value());
+        else if (arg == "--dates") s.dates = std::stoi(value());
+        else if (arg == "--neighbours") s.neighbours = std::stoi(value());
+        else if (arg == "--nodata-fraction") s.nodata_fraction = std::stod(value());
+        else if (arg == "--maxcap") s.maxcap = std::stoll(value());
+        else if (arg == "--small-maxcap") s.small_maxcap = std::stoll(value());
+        else if (arg == "--regenerate") s.regenerate = true;
+        else {
+            std::fprintf(stderr,
+                         "usage: sbas-bench [--folder DIR] [--width N] [--length N] [--dates N] [--neighbours K]\n"
+                         "                  [--nodata-fraction F] [--maxcap N] [--small-maxcap N] [--regenerate]\n");
+            std::exit(2);
+        }
+    }
+    return s;
+}
+
+// Silences the stages' reports on standard error while they are timed.
+class QuietStderr {
+public:
+    QuietStderr()
+    {
+        std::fflush(stderr);
+        saved_ = dup(STDERR_FILENO);
+        const int null = open("/dev/null", O_WRONLY);
+        dup2(null, STDERR_FILENO);
+        close(null);
+    }
+    ~QuietStderr()
+    {
+        std::fflush(stderr);
+        dup2(saved_, STDERR_FILENO);
+        close(saved_);
+    }
+
+private:
+    int saved_;
+};
+
+double io_floor(const CFG& cfg, int64_t pixels)
+{
+    std::vector<float> buffer(static_cast<size_t>(pixels));
+    const auto start = Clock::now();
+    for (const auto& name : cfg.ifg_names) com::read_raster(com::join_path(cfg.datafolder, name.c_str()).c_str(), 0,
+                                                            pixels, buffer.data());
+    return seconds_since(start);
+}
+
+struct Timing {
+    double load = 0;
+    double invert = 0;
+};
+
+Timing load_and_invert(CFG cfg, int threads, int64_t pixels, bool invert)
+{
+    cfg.max_parallel_threads = threads;
+    const auto dates = com::getdateorder(cfg);
+    com::readdesignmatrixorder(&cfg, dates);
+    cfg.n_ifg = static_cast<int>(cfg.ifg_names.size());
+    cfg.n_date = static_cast<int>(dates.size());
+    const std::vector<float> references(cfg.ifg_names.size(), 0.0f);
+    const std::vector<float> mask(static_cast<size_t>(pixels), 0.0f);
+    Timing t;
+    QuietStderr quiet;
+    for (int64_t first = 0; first < pixels; first += cfg.maxcap) {
+        const int64_t end = std::min(first + cfg.maxcap, pixels);
+        std::vector<int> count(static_cast<size_t>(end - first), 0);
+        auto start = Clock::now();
+        float** stack = com::readallfile(cfg, first, end, references.data(), mask.data(), count.data());
+        t.load += seconds_since(start);
+        if (invert) {
+            start = Clock::now();
+            sbas::sbas_step2_sbas_linear_new(cfg, dates, nullptr, stack, count.data(), first, end);
+            t.invert += seconds_since(start);
+        }
+        lib::free2d_float(stack, cfg.n_ifg);
+    }
+    return t;
+}
+
+// Runs sbas-ts on `config` and returns its wall time and peak memory (MiB).
+std::pair<double, double> run_program(const std::string& config)
+{
+    const auto start = Clock::now();
+    const pid_t pid = fork();
+    if (pid == 0) {
+        const int null = open("/dev/null", O_WRONLY);
+        dup2(null, STDERR_FILENO);
+        dup2(null, STDOUT_FILENO);
+        execl(SBAS_TS_BIN, SBAS_TS_BIN, config.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    int status = 0;
+    rusage usage{};
+    wait4(pid, &status, 0, &usage);
+    return {seconds_since(start), usage.ru_maxrss / 1024.0};
+}
+
+std::string with_settings(const synth::Job& job, const std::string& name, const std::string& lines)
+{
+    std::ifstream in(job.config);
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const std::string path = job.folder + "/" + name;
+    std::ofstream(path) << text << lines;
+    return path;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    const Settings s = parse(argc, argv);
+    synth::Options o;
+    o.width = s.width;
+    o.length = s.length;
+    o.dates = s.dates;
+    o.neighbours = s.neighbours;
+    o.deformation = synth::Deformation::mixed;
+    o.noise = 0.5;
+    o.nodata_fraction = s.nodata_fraction;
+    o.maxcap = static_cast<int>(s.maxcap);
+    o.overwrite = true;
+
+    const std::string marker = s.folder + "/config.txt";
+    synth::Job job;
+    if (s.regenerate || !std::filesystem::exists(marker)) {
+        std::printf("generating %d x %d pixels, %d dates in %s ...\n", s.width, s.length, s.dates, s.folder.c_str());
+        std::fflush(stdout);
+        const auto start = Clock::now();
+        job = synth::write_job(o, s.folder);
+        std::printf("generated in %.1f s\n", seconds_since(start));
+    } else {
+        job.folder = s.folder;
+        job.config = marker;
+    }
+    // Refers the benchmark to pixel row/col 1 so that the reference stage of
+    // the whole runs stays cheap.
+    const std::string config = with_settings(job, "bench-config.txt",
+                                             "maxcap " + std::to_string(s.maxcap) + "\nref_row 1\nref_col 1\n");
+    const CFG cfg = lib::loadcfg(config.c_str());
+    const HEADER header = com::readheader(cfg.headerfile);
+    const int64_t pixels = header.WIDTH * header.FILE_LENGTH;
+    const double megabytes = static_cast<double>(pixels) * 4.0 * static_cast<double>(cfg.ifg_names.size()) / 1048576.0;
+    std::printf("\njob: %lld pixels, %zu interferograms, %.0f MiB of rasters, maxcap %lld\n",
+                static_cast<long long>(pixels), cfg.ifg_names.size(), megabytes, static_cast<long long>(cfg.maxcap));
+
+    io_floor(cfg, pixels);  // warms the page cache
+    const double floor = io_floor(cfg, pixels);
+    std::printf("I/O floor (every file read once): %.2f s (%.0f MiB/s)\n", floor, megabytes / floor);
+
+    for (int threads : {1, 2}) {
+        const Timing loaded = load_and_invert(cfg, threads, pixels, false);
+        std::printf("loader, %d thread%s: %.2f s (%.2f x the I/O floor)\n", threads, threads > 1 ? "s" : "",
+                    loaded.load, loaded.load / floor);
+    }
+    for (int threads : {1, 2}) {
+        const Timing t = load_and_invert(cfg, threads, pixels, true);
+        std::printf("inversion, %d thread%s: %.2f s, %.0f pixels/s (inversion / I/O floor = %.1f)\n", threads,
+                    threads > 1 ? "s" : "", t.invert, static_cast<double>(pixels) / t.invert, t.invert / floor);
+    }
+
+    std::printf("\nwhole runs of sbas-ts (2 threads, reference and inversion):\n");
+    for (long long maxcap : {s.maxcap, s.small_maxcap}) {
+        const std::string path = with_settings(job, "bench-config-" + std::to_string(maxcap) + ".txt",
+                                               "maxcap " + std::to_string(maxcap) +
+                                                   "\nref_row 1\nref_col 1\nmax_parallel_threads 2\n");
+        const auto [wall, peak] = run_program(path);
+        std::printf("maxcap %lld: %.1f s, peak memory %.0f MiB\n", maxcap, wall, peak);
+    }
+    return 0;
+}

@@ -1,0 +1,17 @@
+# Installs the Debian packages the build needs when they are missing.
+# Sourced by test.sh and demo.sh; works as root or through sudo.
+
+sbas_install_packages() {
+    local needed=(g++ cmake make libfftw3-dev libgtest-dev)
+    local missing=()
+    local p
+    for p in "${needed[@]}"; do
+        dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+    echo "Installing: ${missing[*]}"
+    local sudo=""
+    [ "$(id -u)" -ne 0 ] && sudo="sudo"
+    $sudo env DEBIAN_FRONTEND=noninteractive apt-get update -q
+    $sudo env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends "${missing[@]}"
+}
