@@ -65,12 +65,6 @@ void run_filter(Filter filter, CFG /*own copy for the filter*/)
     }
 }
 
-int64_t pixel_count(const HEADER& header)
-{
-    if (header.WIDTH < 1 || header.FILE_LENGTH < 1) return 0;
-    return header.WIDTH * header.FILE_LENGTH;
-}
-
 // Step of the loop-closure check: fills `mask` (pixel_count floats, zeroed)
 // from "phase_loop_closure_mask" when there is one to use.
 void loop_closure_stage(const CFG& cfg, int64_t pixels, float* mask)
@@ -102,7 +96,7 @@ void invert_in_batches(const CFG& cfg, const HEADER& header, const std::vector<D
     std::fputs("\n*************Time series inversion start*****************\n", stderr);
     if (cfg.maxcap < 1) lib::die("maxcap must be a positive number of pixels (it is %lld)\n",
                                  static_cast<long long>(cfg.maxcap));
-    const int64_t pixels = pixel_count(header);
+    const int64_t pixels = com::pixel_count(header);
     const float total = std::ceil(static_cast<float>(header.FILE_LENGTH) * static_cast<float>(header.WIDTH) /
                                   static_cast<float>(cfg.maxcap));
     const int rows = static_cast<int>(cfg.ifg_names.size());
@@ -153,7 +147,7 @@ void sbas_allocate_area(const char* config_path)
     }
 
     const HEADER header = com::readheader(cfg.headerfile);
-    const int64_t pixels = pixel_count(header);
+    const int64_t pixels = com::pixel_count(header);
     float* mask = lib::zeros_float(pixels, 1);
     if (!mask && pixels > 0) lib::out_of_memory();
 

@@ -50,6 +50,12 @@ HEADER readheader(const char* path)
     return header;
 }
 
+int64_t pixel_count(const HEADER& header)
+{
+    if (header.WIDTH < 1 || header.FILE_LENGTH < 1) return 0;
+    return header.WIDTH * header.FILE_LENGTH;
+}
+
 float readonerecord(FILE* raster, int64_t row, int64_t col, const HEADER& header)
 {
     if (row < 0 || row >= header.FILE_LENGTH || col < 0 || col >= header.WIDTH) return 0;

@@ -25,6 +25,10 @@ namespace com {
 // range-checked. Ends the run when the file is missing.
 HEADER readheader(const char* path);
 
+// Pixels of the grid, WIDTH x FILE_LENGTH; a header with a size below 1
+// describes no grid (0), even when both sizes are negative.
+int64_t pixel_count(const HEADER& header);
+
 // The sample at (row, col) of an open raster, or 0 when the position lies
 // off the grid (the stream is then not touched) or the read fails.
 float readonerecord(FILE* raster, int64_t row, int64_t col, const HEADER& header);

@@ -39,12 +39,6 @@
 namespace com {
 namespace {
 
-int64_t pixel_count(const HEADER& header)
-{
-    if (header.WIDTH < 1 || header.FILE_LENGTH < 1) return 0;
-    return header.WIDTH * header.FILE_LENGTH;
-}
-
 double* zeroed_doubles(int64_t n)
 {
     double* block = lib::zeros(n, 1);

@@ -31,13 +31,6 @@
 namespace com {
 namespace {
 
-// Pixels of the grid; a header with a non-positive size describes no grid.
-int64_t pixel_count(const HEADER& header)
-{
-    if (header.WIDTH < 1 || header.FILE_LENGTH < 1) return 0;
-    return header.WIDTH * header.FILE_LENGTH;
-}
-
 // One zero per interferogram, and never an empty block, so that callers may
 // index and free it alike.
 float* value_block(size_t n)
