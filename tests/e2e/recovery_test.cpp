@@ -97,8 +97,9 @@ void expect_recovered(const synth::Job& job, const std::vector<bool>& estimated,
         EXPECT_EQ(skipped_nonzero, 0u) << out_name;
     }
     const auto sigma = output(job, "least_square_sigma");
-    for (size_t p = 0; p < sigma.size(); ++p)
+    for (size_t p = 0; p < sigma.size(); ++p) {
         if (!estimated[p]) EXPECT_EQ(sigma[p], 0.0f);
+    }
 }
 
 std::vector<bool> all_pixels(const synth::Job& job)

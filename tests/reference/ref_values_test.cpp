@@ -1,11 +1,10 @@
 // Reference values: window means around a pixel, and scene means.
 //
-// Window means are worked by hand on a 5 x 4 raster holding 1..20 in raster
-// order, so that every window's samples, mean and population deviation can
-// be read off the grid. The per-interferogram functions run in a child
-// process: their report lines are checked byte for byte, and their fatal
-// stops must leave a message on the right stream, exit with status 0 and
-// never crash.
+// Window means are worked by hand on rasters small enough that every
+// window's samples, mean and population deviation can be read off the grid.
+// The per-interferogram functions run in a child process: their report lines
+// are checked byte for byte, and their fatal stops must leave a message on
+// the right stream, exit with status 0 and never crash.
 #include "reference/ref_values.h"
 
 #include <gtest/gtest.h>
@@ -13,9 +12,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <functional>
 #include <limits>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -27,21 +24,12 @@ namespace {
 
 using testing_support::kReturned;
 using testing_support::Outcome;
-using testing_support::run_in_child;
-using testing_support::TempDir;
 using testing_support::TinyJob;
-using testing_support::write_floats;
 
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 constexpr float kInf = std::numeric_limits<float>::infinity();
-
-HEADER grid(int64_t width, int64_t length)
-{
-    HEADER header;
-    header.WIDTH = width;
-    header.FILE_LENGTH = length;
-    return header;
-}
+const std::string kFirst = "a_20200101_20200113.unw";
+const std::string kSecond = "b_20200113_20200125.unw";
 
 std::vector<float> counting(int n)
 {
@@ -50,288 +38,112 @@ std::vector<float> counting(int n)
     return values;
 }
 
-struct WindowResult {
-    float mean;
-    float spread;
-};
-
-// The window mean of a raster file holding `samples`, on `header`'s grid.
-WindowResult window_of(const std::vector<float>& samples, const HEADER& header, int64_t index, int window)
+// The values of both interferograms of `cfg`, from the scene means or the
+// window at pixel 4, printed one a line by a child process.
+Outcome values_in_child(const CFG& cfg, bool global)
 {
-    TempDir dir;
-    write_floats(dir / "raster", samples);
-    FILE* file = std::fopen((dir / "raster").c_str(), "rb");
-    EXPECT_NE(file, nullptr);
-    WindowResult result{};
-    result.mean = com::read_windowed_point(index, window, file, &result.spread, header);
-    std::fclose(file);
-    return result;
-}
-
-// What a value-returning call leaves behind when run in a child: its
-// streams, its status and the n values it returned.
-struct ValuesRun {
-    Outcome run;
-    std::vector<float> values;
-};
-
-ValuesRun values_in_child(const std::function<float*()>& compute, size_t n)
-{
-    ValuesRun result;
-    std::ostringstream printed;
-    result.run = run_in_child([&] {
-        float* values = compute();
-        for (size_t k = 0; k < n; ++k) std::printf("%.9g\n", values[k]);
+    return testing_support::run_in_child([&] {
+        float* values = global ? com::get_ref_point_value_global_mean(cfg) : com::get_ref_point_value(cfg, 4);
+        std::printf("%g\n%g\n", values[0], values[1]);
         std::free(values);
     });
-    if (result.run.exited && result.run.status == kReturned) {
-        std::istringstream lines(result.run.out);
-        std::string line;
-        while (std::getline(lines, line)) result.values.push_back(std::strtof(line.c_str(), nullptr));
-    }
-    return result;
 }
 
-void expect_returned(const Outcome& run)
+TEST(RefWindowMean, HandWorkedWindows)
 {
-    EXPECT_TRUE(run.exited);
-    EXPECT_EQ(run.signal, 0);
-    EXPECT_EQ(run.status, kReturned) << run.out << run.err;
-}
-
-// A fatal stop: one message, status 0, no signal.
-void expect_stopped(const Outcome& run)
-{
-    EXPECT_TRUE(run.exited);
-    EXPECT_EQ(run.signal, 0);
-    EXPECT_EQ(run.status, 0) << run.out << run.err;
-}
-
-const char* const kFirst = "a_20200101_20200113.unw";
-const char* const kSecond = "b_20200113_20200125.unw";
-
-// ---------------------------------------------------------------------------
-// The window mean of one raster.
-
-struct WindowCase {
-    const char* what;
-    int64_t index;
-    int window;
-    float mean;
-    float spread;
-};
-
-TEST(RefWindowMean, HandWorkedWindowsOnCountingRaster)
-{
-    // Grid of 5 columns, 4 rows:   1  2  3  4  5
-    //                              6  7  8  9 10
-    //                             11 12 13 14 15
-    //                             16 17 18 19 20
-    const WindowCase cases[] = {
-        {"window 1 is the single sample, spread 0", 7, 1, 8.0f, 0.0f},
-        {"3 x 3 inside the grid", 7, 3, 8.0f, static_cast<float>(std::sqrt(1404.0) / 9)},
-        {"even side 2 acts as 3", 7, 2, 8.0f, static_cast<float>(std::sqrt(1404.0) / 9)},
-        {"first corner keeps the 2 x 2 inside", 0, 3, 4.0f, static_cast<float>(std::sqrt(104.0) / 4)},
-        {"last corner keeps the 2 x 2 inside", 19, 3, 17.0f, static_cast<float>(std::sqrt(104.0) / 4)},
-        {"even side 4 acts as 5 and covers the grid", 12, 4, 10.5f, static_cast<float>(std::sqrt(13300.0) / 20)},
-        {"side 5 covers the grid", 12, 5, 10.5f, static_cast<float>(std::sqrt(13300.0) / 20)},
-        {"side 3 at the same pixel is smaller", 12, 3, 13.0f, static_cast<float>(std::sqrt(1404.0) / 9)},
-        {"window 0 is taken as 1", 7, 0, 8.0f, 0.0f},
-        {"negative window is taken as 1", 7, -3, 8.0f, 0.0f},
-        {"pixel past the last row keeps what overlaps", 20, 3, 16.5f, 0.5f},
+    struct Case {
+        const char* what;
+        std::vector<float> raster;
+        int64_t width, length, index;
+        int window;
+        float mean, spread;  // a NaN mean: no valid sample
     };
-    const std::vector<float> raster = counting(20);
-    for (const WindowCase& c : cases) {
+    // Most cases use the 5 x 4 grid   1  2  3  4  5
+    //                                 6  7  8  9 10
+    //                                11 12 13 14 15
+    //                                16 17 18 19 20
+    const std::vector<float> grid = counting(20);
+    const Case cases[] = {
+        {"window 1 is the sample itself", grid, 5, 4, 7, 1, 8, 0},
+        {"3 x 3, population deviation", grid, 5, 4, 7, 3, 8, std::sqrt(1404.0f) / 9},
+        {"even side 2 acts as 3", grid, 5, 4, 7, 2, 8, std::sqrt(1404.0f) / 9},
+        {"first corner keeps the 2 x 2 inside", grid, 5, 4, 0, 3, 4, std::sqrt(104.0f) / 4},
+        {"last corner keeps the 2 x 2 inside", grid, 5, 4, 19, 3, 17, std::sqrt(104.0f) / 4},
+        {"even side 4 acts as 5", grid, 5, 4, 12, 4, 10.5f, std::sqrt(13300.0f) / 20},
+        {"a window below 1 is taken as 1", grid, 5, 4, 7, -3, 8, 0},
+        {"samples past the end of the file are missing", counting(10), 5, 4, 7, 3, 5.5f, std::sqrt(249.0f) / 6},
+        // Only 2, 4 and 6 hold data; the sample deviation would be 2.
+        {"invalid samples are skipped", {0, 2, kNaN, kInf, 4, -kInf, 1e-9f, 6, 5e-9f}, 3, 3, 4, 3, 4,
+         std::sqrt(8.0f / 3)},
+        // 4097.25^2 rounds to 16787458 in single precision; in double the
+        // deviation of a lone sample would be 0.
+        {"squares are formed in single precision", {4097.25f}, 1, 1, 0, 1, 4097.25f, std::sqrt(0.4375f)},
+        {"no valid sample", {1, 0, 0, 0, 0, 0, 0, 0, 0}, 3, 3, 8, 3, kNaN, 0},
+        {"empty grid", grid, 0, 4, 0, 3, kNaN, 0},
+    };
+    for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
-        const WindowResult got = window_of(raster, grid(5, 4), c.index, c.window);
-        EXPECT_FLOAT_EQ(got.mean, c.mean);
-        EXPECT_FLOAT_EQ(got.spread, c.spread);
+        testing_support::TempDir dir;
+        testing_support::write_floats(dir / "raster", c.raster);
+        FILE* file = std::fopen((dir / "raster").c_str(), "rb");
+        ASSERT_NE(file, nullptr);
+        const HEADER header{c.width, c.length};
+        float spread = -1;
+        const float mean = com::read_windowed_point(c.index, c.window, file, &spread, header);
+        EXPECT_EQ(std::isnan(mean), std::isnan(c.mean));
+        if (!std::isnan(c.mean)) {
+            EXPECT_FLOAT_EQ(mean, c.mean);
+            EXPECT_FLOAT_EQ(spread, c.spread);
+            EXPECT_FLOAT_EQ(com::read_windowed_point(c.index, c.window, file, nullptr, header), c.mean);
+        }
+        std::fclose(file);
     }
 }
 
-TEST(RefWindowMean, InvalidSamplesAreSkippedAndSpreadIsPopulation)
+TEST(RefValues, ValueOfEveryInterferogramOrAStop)
 {
-    // Around the centre of a 3 x 3 grid only 2, 4 and 6 hold data: mean 4,
-    // population deviation sqrt(8/3) (the sample form would give 2).
-    const std::vector<float> raster = {0.0f, 2.0f, kNaN, kInf, 4.0f, -kInf, 1e-9f, 6.0f, 5e-9f};
-    const WindowResult got = window_of(raster, grid(3, 3), 4, 3);
-    EXPECT_FLOAT_EQ(got.mean, 4.0f);
-    EXPECT_FLOAT_EQ(got.spread, static_cast<float>(std::sqrt(8.0 / 3.0)));
-}
+    struct Case {
+        const char* what;
+        int64_t width, length;
+        bool global;  // the scene mean, else the window of side 3 at pixel 4
+        std::vector<float> first, second;
+        int status;
+        std::string out, err;  // with the job's folder left out
+    };
+    const std::string none = "Cannot find a valid reference value for ";
+    const Case cases[] = {
+        {"window, population deviation", 3, 3, false, counting(9), std::vector<float>(9, -2.5f), kReturned,
+         "5\n-2.5\n", kFirst + " refpoint value    5.000  2.582\n" + kSecond + " refpoint value   -2.500  0.000\n"},
+        // Valid samples 2, 4 and 6: the population deviation would be 1.633.
+        {"scene, sample deviation", 3, 3, true, {0, 2, kNaN, 4, 6, kInf, 0, 0, 0}, std::vector<float>(9, 1), kReturned,
+         "4\n1\n", kFirst + " refpoint value    4.000  2.000\n" + kSecond + " refpoint value    1.000  0.000\n"},
+        {"empty window", 3, 3, false, counting(9), std::vector<float>(9, 0.0f), 0, "",
+         kFirst + " refpoint value    5.000  2.582\nERROR: no valid values around the reference point!\n"},
+        // An empty first raster is taken out of the job once configured.
+        {"missing raster", 3, 3, false, {}, counting(9), 0, "/ifg/" + kFirst + " not found\nfile not exit\n", ""},
+        {"scene without data", 3, 3, true, counting(9), {0, kNaN, kInf, -kInf, 1e-9f, 0, 0, 0, 0}, 0,
+         none + kSecond + "\n", kFirst + " refpoint value    5.000  2.739\n"},
+        {"empty grid", 0, 3, true, {1, 2}, {1, 2}, 0, none + kFirst + "\n", ""},
+        {"short raster", 3, 3, true, {1, 2, 3, 4}, counting(9), 0, "", "/ifg/" + kFirst + " file size wrong 16\n"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        TinyJob job(c.width, c.length);
+        job.add_ifg(kFirst, c.first);
+        job.add_ifg(kSecond, c.second);
+        const CFG cfg = lib::loadcfg(job.config("ref_window 3\n").c_str());
+        if (c.first.empty()) std::remove(job.path("ifg/" + kFirst).c_str());
 
-TEST(RefWindowMean, WindowWithoutDataIsNaN)
-{
-    const std::vector<float> raster = {1.0f, 0.0f, 0.0f, 0.0f, 0.0f, 0.0f, 0.0f, 0.0f, 0.0f};
-    EXPECT_TRUE(std::isnan(window_of(raster, grid(3, 3), 8, 3).mean));
-    EXPECT_FLOAT_EQ(window_of(raster, grid(3, 3), 4, 3).mean, 1.0f);
-}
-
-TEST(RefWindowMean, SamplesBeyondTheEndOfFileCountAsMissing)
-{
-    // Only the first 10 samples exist: of the window around 8 (row 1, col 2)
-    // the row below is unreadable, leaving 2 3 4 / 7 8 9.
-    const WindowResult got = window_of(counting(10), grid(5, 4), 7, 3);
-    EXPECT_FLOAT_EQ(got.mean, 5.5f);
-}
-
-TEST(RefWindowMean, SquaresAreFormedInSinglePrecision)
-{
-    // 4097.25^2 = 16787457.5625 rounds to 16787458 in single precision, so a
-    // lone sample reports sqrt(0.4375) rather than 0.
-    const WindowResult got = window_of({4097.25f}, grid(1, 1), 0, 1);
-    EXPECT_FLOAT_EQ(got.mean, 4097.25f);
-    EXPECT_FLOAT_EQ(got.spread, static_cast<float>(std::sqrt(0.4375)));
-}
-
-TEST(RefWindowMean, GridWithoutSamplesGivesNaN)
-{
-    const HEADER empty[] = {grid(0, 4), grid(5, 0), grid(-5, -4), grid(-1, 3)};
-    for (const HEADER& header : empty) {
-        SCOPED_TRACE(std::to_string(header.WIDTH) + " x " + std::to_string(header.FILE_LENGTH));
-        EXPECT_TRUE(std::isnan(window_of(counting(20), header, 0, 3).mean));
+        const Outcome got = values_in_child(cfg, c.global);
+        const auto local = [&](std::string text) {
+            for (size_t at; (at = text.find(job.folder())) != std::string::npos;) text.erase(at, job.folder().size());
+            return text;
+        };
+        EXPECT_EQ(got.signal, 0);
+        EXPECT_EQ(got.status, c.status);
+        EXPECT_EQ(local(got.out), c.out);
+        EXPECT_EQ(local(got.err), c.err);
     }
-}
-
-TEST(RefWindowMean, SpreadMayBeOmitted)
-{
-    TempDir dir;
-    write_floats(dir / "raster", counting(20));
-    FILE* file = std::fopen((dir / "raster").c_str(), "rb");
-    ASSERT_NE(file, nullptr);
-    EXPECT_FLOAT_EQ(com::read_windowed_point(7, 1, file, nullptr, grid(5, 4)), 8.0f);
-    std::fclose(file);
-}
-
-// ---------------------------------------------------------------------------
-// Window means of every interferogram.
-
-TEST(RefValues, OneWindowMeanPerInterferogramInListOrder)
-{
-    TinyJob job(3, 3);
-    job.add_ifg(kFirst, counting(9));
-    job.add_ifg(kSecond, std::vector<float>(9, -2.5f));
-    const CFG cfg = lib::loadcfg(job.config("ref_window 3\n").c_str());
-
-    const ValuesRun got = values_in_child([&] { return com::get_ref_point_value(cfg, 4); }, 2);
-    expect_returned(got.run);
-    EXPECT_EQ(got.values, (std::vector<float>{5.0f, -2.5f}));
-    EXPECT_EQ(got.run.err, std::string(kFirst) + " refpoint value    5.000  2.582\n" + kSecond +
-                               " refpoint value   -2.500  0.000\n");
-}
-
-TEST(RefValues, WindowOneTakesTheReferenceSampleItself)
-{
-    TinyJob job(3, 3);
-    job.add_ifg(kFirst, counting(9));
-    job.add_ifg(kSecond, {0, 0, 0, 0, -1234.5f, 0, 0, 0, 0});
-    const CFG cfg = lib::loadcfg(job.config("ref_window 1\n").c_str());
-
-    const ValuesRun got = values_in_child([&] { return com::get_ref_point_value(cfg, 4); }, 2);
-    expect_returned(got.run);
-    EXPECT_EQ(got.values, (std::vector<float>{5.0f, -1234.5f}));
-    EXPECT_EQ(got.run.err, std::string(kFirst) + " refpoint value    5.000  0.000\n" + kSecond +
-                               " refpoint value -1234.500  0.000\n");
-}
-
-TEST(RefValues, OneEmptyWindowStopsTheRun)
-{
-    TinyJob job(3, 3);
-    job.add_ifg(kFirst, counting(9));
-    job.add_ifg(kSecond, {5, 5, 5, 0, 0, 0, 0, 0, 0});
-    const CFG cfg = lib::loadcfg(job.config("ref_window 1\n").c_str());
-
-    const ValuesRun got = values_in_child([&] { return com::get_ref_point_value(cfg, 4); }, 2);
-    expect_stopped(got.run);
-    EXPECT_EQ(got.run.out, "");
-    EXPECT_EQ(got.run.err, std::string(kFirst) + " refpoint value    5.000  0.000\n" +
-                               "ERROR: no valid values around the reference point!\n");
-}
-
-TEST(RefValues, MissingInterferogramStopsTheRun)
-{
-    TinyJob job(3, 3);
-    job.add_ifg(kFirst, counting(9));
-    const CFG cfg = lib::loadcfg(job.config().c_str());
-    std::remove(job.path(std::string("ifg/") + kFirst).c_str());
-
-    const ValuesRun got = values_in_child([&] { return com::get_ref_point_value(cfg, 4); }, 1);
-    expect_stopped(got.run);
-    EXPECT_EQ(got.run.out, job.path(std::string("ifg/") + kFirst) + " not found\nfile not exit\n");
-    EXPECT_EQ(got.run.err, "");
-}
-
-// ---------------------------------------------------------------------------
-// Scene means.
-
-TEST(RefGlobalMean, MeanOfValidSamplesWithSampleDeviation)
-{
-    // Valid samples 2, 4, 6: mean 4 and sample deviation 2 (the population
-    // form would give 1.633).
-    TinyJob job(3, 2);
-    job.add_ifg(kFirst, {0.0f, 2.0f, kNaN, 4.0f, 6.0f, kInf});
-    job.add_ifg(kSecond, std::vector<float>(6, 1.0f));
-    const CFG cfg = lib::loadcfg(job.config().c_str());
-
-    const ValuesRun got = values_in_child([&] { return com::get_ref_point_value_global_mean(cfg); }, 2);
-    expect_returned(got.run);
-    EXPECT_EQ(got.values, (std::vector<float>{4.0f, 1.0f}));
-    EXPECT_EQ(got.run.err, std::string(kFirst) + " refpoint value    4.000  2.000\n" + kSecond +
-                               " refpoint value    1.000  0.000\n");
-}
-
-TEST(RefGlobalMean, RunningMeanOfManySamplesStaysExact)
-{
-    // 1..1000 in a 40 x 25 grid: mean 500.5, sample deviation
-    // sqrt(1000 * 1001 / 12) = 288.819.
-    TinyJob job(40, 25);
-    job.add_ifg(kFirst, counting(1000));
-    const CFG cfg = lib::loadcfg(job.config().c_str());
-
-    const ValuesRun got = values_in_child([&] { return com::get_ref_point_value_global_mean(cfg); }, 1);
-    expect_returned(got.run);
-    EXPECT_EQ(got.values, (std::vector<float>{500.5f}));
-    EXPECT_EQ(got.run.err, std::string(kFirst) + " refpoint value  500.500 288.819\n");
-}
-
-TEST(RefGlobalMean, InterferogramWithoutDataStopsOnStandardOutput)
-{
-    TinyJob job(3, 2);
-    job.add_ifg(kFirst, std::vector<float>(6, 1.0f));
-    job.add_ifg(kSecond, {0.0f, kNaN, kInf, -kInf, 1e-9f, 0.0f});
-    const CFG cfg = lib::loadcfg(job.config().c_str());
-
-    const ValuesRun got = values_in_child([&] { return com::get_ref_point_value_global_mean(cfg); }, 2);
-    expect_stopped(got.run);
-    EXPECT_EQ(got.run.out, std::string("Cannot find a valid reference value for ") + kSecond + "\n");
-    EXPECT_EQ(got.run.err, std::string(kFirst) + " refpoint value    1.000  0.000\n");
-}
-
-TEST(RefGlobalMean, GridWithoutSamplesStopsAtFirstInterferogram)
-{
-    for (const auto& size : {std::pair<int64_t, int64_t>{0, 3}, {3, 0}, {-3, -2}}) {
-        SCOPED_TRACE(std::to_string(size.first) + " x " + std::to_string(size.second));
-        TinyJob job(size.first, size.second);
-        job.add_ifg(kFirst, {1.0f, 2.0f});
-        job.add_ifg(kSecond, {1.0f, 2.0f});
-        const CFG cfg = lib::loadcfg(job.config().c_str());
-
-        const ValuesRun got = values_in_child([&] { return com::get_ref_point_value_global_mean(cfg); }, 2);
-        expect_stopped(got.run);
-        EXPECT_EQ(got.run.out, std::string("Cannot find a valid reference value for ") + kFirst + "\n");
-        EXPECT_EQ(got.run.err, "");
-    }
-}
-
-TEST(RefGlobalMean, ShortRasterStopsTheRun)
-{
-    TinyJob job(3, 2);
-    job.add_ifg(kFirst, {1.0f, 2.0f, 3.0f, 4.0f});
-    const CFG cfg = lib::loadcfg(job.config().c_str());
-
-    const ValuesRun got = values_in_child([&] { return com::get_ref_point_value_global_mean(cfg); }, 1);
-    expect_stopped(got.run);
-    EXPECT_EQ(got.run.out, "");
-    EXPECT_EQ(got.run.err, job.path(std::string("ifg/") + kFirst) + " file size wrong 16\n");
 }
 
 }  // namespace
