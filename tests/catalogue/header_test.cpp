@@ -18,40 +18,33 @@ HEADER header_of(const std::string& text)
     return com::readheader((dir / "h").c_str());
 }
 
-TEST(RasterHeader, ReadsEveryKeyWithSpacesOrTabs)
+TEST(RasterHeader, TableOfHeaders)
 {
-    const HEADER h = header_of("WIDTH 100\nFILE_LENGTH\t60\nX_FIRST -99.1910697816367417\n"
-                               "Y_FIRST 19.4512926234517565\nX_STEP 1.3888889e-3\nY_STEP -0.0013888889\n"
-                               "DATUM WGS84\n# comment\n\n");
-    EXPECT_EQ(h.WIDTH, 100);
-    EXPECT_EQ(h.FILE_LENGTH, 60);
-    EXPECT_DOUBLE_EQ(h.X_FIRST, -99.1910697816367417);
-    EXPECT_DOUBLE_EQ(h.Y_FIRST, 19.4512926234517565);
-    EXPECT_DOUBLE_EQ(h.X_STEP, 1.3888889e-3);
-    EXPECT_DOUBLE_EQ(h.Y_STEP, -0.0013888889);
-}
-
-TEST(RasterHeader, SizesTakeTheIntegerPrefixAndLaterLinesWin)
-{
-    const HEADER h = header_of("WIDTH 1000.9\nFILE_LENGTH 5\nFILE_LENGTH 7\r\n");
-    EXPECT_EQ(h.WIDTH, 1000);
-    EXPECT_EQ(h.FILE_LENGTH, 7);
-}
-
-TEST(RasterHeader, MissingKeysGiveAnEmptyGridAndCaseMatters)
-{
-    const HEADER h = header_of("width 10\nFILE_LENGTH -4\n  \tX_STEP 2\n");
-    EXPECT_EQ(h.WIDTH, 0);
-    EXPECT_EQ(h.FILE_LENGTH, -4);  // not range-checked
-    EXPECT_DOUBLE_EQ(h.X_STEP, 2.0);  // the splitter skips the tab before the key
-    EXPECT_DOUBLE_EQ(h.Y_STEP, 0.0);
-}
-
-TEST(RasterHeader, AValueNamingALaterKeySetsItToo)
-{
-    const HEADER h = header_of("WIDTH X_FIRST\n");
-    EXPECT_EQ(h.WIDTH, 0);
-    EXPECT_DOUBLE_EQ(h.X_FIRST, 0.0);
+    struct Case {
+        const char* text;
+        HEADER expected;
+    } cases[] = {
+        {"WIDTH 100\nFILE_LENGTH\t60\nX_FIRST -99.1910697816367417\nY_FIRST 19.4512926234517565\n"
+         "X_STEP 1.3888889e-3\nY_STEP -0.0013888889\nDATUM WGS84\n# comment\n\n",
+         {100, 60, -99.1910697816367417, 19.4512926234517565, 1.3888889e-3, -0.0013888889}},
+        {"WIDTH 1000.9\nFILE_LENGTH 5\nFILE_LENGTH 7\r\n", {1000, 7, 0, 0, 0, 0}},  // prefix; later lines win
+        {"width 10\nFILE_LENGTH -4\n  \tX_STEP 2\n", {0, -4, 0, 0, 2, 0}},  // case matters; a tab is skipped
+        {"WIDTH X_FIRST\n", {0, 0, 0, 0, 0, 0}},  // the value stands in the key's place
+        {"", {0, 0, 0, 0, 0, 0}},
+    };
+    for (const auto& c : cases) {
+        const HEADER h = header_of(c.text);
+        EXPECT_EQ(h.WIDTH, c.expected.WIDTH) << c.text;
+        EXPECT_EQ(h.FILE_LENGTH, c.expected.FILE_LENGTH) << c.text;
+        EXPECT_DOUBLE_EQ(h.X_FIRST, c.expected.X_FIRST) << c.text;
+        EXPECT_DOUBLE_EQ(h.Y_FIRST, c.expected.Y_FIRST) << c.text;
+        EXPECT_DOUBLE_EQ(h.X_STEP, c.expected.X_STEP) << c.text;
+        EXPECT_DOUBLE_EQ(h.Y_STEP, c.expected.Y_STEP) << c.text;
+    }
+    HEADER negative;
+    negative.WIDTH = -6;
+    negative.FILE_LENGTH = -4;
+    EXPECT_EQ(com::pixel_count(negative), 0);
 }
 
 TEST(RasterHeader, AMissingFileEndsTheRun)

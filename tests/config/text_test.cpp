@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "config/text.h"
@@ -95,28 +96,20 @@ std::vector<std::string> lines_of(const std::string& text, bool stop_at_empty_re
     return seen;
 }
 
-TEST(ReadingLoop, LastLineIsHandledTwiceWhenTheFileEndsWithALineFeed)
+TEST(ReadingLoop, LastLineTwiceUnlessStoppingAtAnEmptyRead)
 {
-    EXPECT_EQ(lines_of("a\nb\n", false), (std::vector<std::string>{"a\n", "b\n", "b\n"}));
-    EXPECT_EQ(lines_of("a\nb", false), (std::vector<std::string>{"a\n", "b"}));
-    EXPECT_EQ(lines_of("", false), (std::vector<std::string>{""}));
-}
-
-TEST(ReadingLoop, StoppingAtAnEmptyReadHandlesEachLineOnce)
-{
-    EXPECT_EQ(lines_of("a\nb\n", true), (std::vector<std::string>{"a\n", "b\n"}));
-    EXPECT_EQ(lines_of("a\nb", true), (std::vector<std::string>{"a\n", "b"}));
-    EXPECT_EQ(lines_of("a\n\n", true), (std::vector<std::string>{"a\n", "\n"}));
-    EXPECT_TRUE(lines_of("", true).empty());
-}
-
-TEST(ReadingLoop, LongLinesArriveInPiecesOf998Characters)
-{
-    const std::string text = std::string(1500, 'k') + "\n";
-    const auto seen = lines_of(text, true);
-    ASSERT_EQ(seen.size(), 2u);
-    EXPECT_EQ(seen[0].size(), 998u);
-    EXPECT_EQ(seen[1].size(), 1500u - 998u + 1u);
+    using Lines = std::vector<std::string>;
+    const std::tuple<std::string, bool, Lines> cases[] = {
+        {"a\nb\n", false, {"a\n", "b\n", "b\n"}},  // end of file is seen one read late
+        {"a\nb", false, {"a\n", "b"}},
+        {"", false, {""}},
+        {"a\nb\n", true, {"a\n", "b\n"}},
+        {"a\nb", true, {"a\n", "b"}},
+        {"a\n\n", true, {"a\n", "\n"}},
+        {"", true, {}},
+        {std::string(1500, 'k') + "\n", true, {std::string(998, 'k'), std::string(502, 'k') + "\n"}},
+    };
+    for (const auto& [text, stop, expected] : cases) EXPECT_EQ(lines_of(text, stop), expected) << text.size();
 }
 
 TEST(ReadingLoop, ADirectoryEndsTheLoopInsteadOfSpinning)

@@ -80,19 +80,6 @@ TEST_F(ThreeDates, ConsistentObservationsAreRecoveredExactly)
     EXPECT_FALSE(testing_support::file_exists(job.result("baseline_dependent_dem_error")));
 }
 
-TEST_F(ThreeDates, LaterBatchesAppendAndTheFirstOverwrites)
-{
-    invert("", {{1, 1}, {1, 1}, {2, 2}}, 0);
-    invert("", {{3}, {3}, {6}}, 2);
-    auto first = read_floats(job.result("culmap-20200113-20200101.disp"));
-    ASSERT_EQ(first.size(), 3u);
-    EXPECT_NEAR(first[2], 3.0f, 1e-6);
-    invert("", {{4}, {4}, {8}}, 0);
-    first = read_floats(job.result("culmap-20200113-20200101.disp"));
-    ASSERT_EQ(first.size(), 1u);
-    EXPECT_NEAR(first[0], 4.0f, 1e-6);
-}
-
 TEST_F(ThreeDates, ReportsTheSystemAndItsMemory)
 {
     const auto outcome = testing_support::run_in_child(

@@ -9,7 +9,6 @@
 #include "config/cfg.h"
 #include "inversion/stack.h"
 #include "numerics/arrays.h"
-#include "support/child.h"
 #include "support/tiny_job.h"
 
 namespace {
@@ -102,30 +101,6 @@ TEST_F(TenInterferograms, WithoutTheMaskNothingIsCountedOrDropped)
     EXPECT_EQ(stack[0][1], 2.0f);  // seen by 3 of 10, kept
     EXPECT_EQ(stack[5][1], 0.0f);
     lib::free2d_float(stack, 10);
-}
-
-TEST(StackFiles, MissingOrShortFilesStopTheRun)
-{
-    TinyJob job(4, 1);
-    job.add_ifg("a_20200101_20200113", {1, 2, 3, 4});
-    job.add_ifg("b_20200113_20200125", {1, 2, 3, 4});
-    const std::string config = job.config();
-    testing_support::write_text(job.path("ifg/b_20200113_20200125"), std::string(15, '\1'));
-    const std::vector<float> refs(2, 0.0f), mask(4, 0.0f);
-    std::vector<int> count(4);
-    const auto short_file = testing_support::run_in_child([&] {
-        const CFG cfg = lib::loadcfg(config.c_str());
-        com::readallfile(cfg, 0, 4, refs.data(), mask.data(), count.data());
-    });
-    EXPECT_EQ(short_file.status, 0);
-    EXPECT_EQ(short_file.err, job.path("ifg") + "/b_20200113_20200125 file size wrong 15\n");
-    std::remove(job.path("ifg/b_20200113_20200125").c_str());
-    const auto missing = testing_support::run_in_child([&] {
-        const CFG cfg = lib::loadcfg(config.c_str());
-        com::readallfile(cfg, 0, 3, refs.data(), mask.data(), count.data());
-    });
-    EXPECT_EQ(missing.status, 0);
-    EXPECT_EQ(missing.out, job.path("ifg") + "/b_20200113_20200125 not found\nfile not exit\n");
 }
 
 }  // namespace

@@ -52,19 +52,6 @@ TEST(Statistics, HandValues)
     EXPECT_EQ(data, (std::vector<float>{3, 1, 2}));  // the caller's order is kept
 }
 
-TEST(Statistics, RunningUpdateMatchesTheSampleVariance)
-{
-    const double samples[] = {2.0, 4.0, 4.0, 5.0};
-    double mean = samples[0], variance = 0;
-    for (int k = 2; k <= 4; ++k) lib::running_update(k, mean, variance, samples[k - 1], false);
-    EXPECT_NEAR(mean, 3.75, 1e-15);
-    EXPECT_NEAR(variance, 1.5833333333333333, 1e-14);
-    // Rounding the previous mean to float changes the path, not the idea.
-    double m2 = 0.1, v2 = 0;
-    lib::running_update(2, m2, v2, 0.2, true);
-    EXPECT_EQ(m2, (static_cast<double>(0.1f) + 0.2) / 2);
-}
-
 TEST(Allocation, ZeroFilledBlocksAndEmptySizes)
 {
     float* f = lib::zeros_float(3, 4);
