@@ -82,9 +82,8 @@ TEST_F(ThreeDates, ConsistentObservationsAreRecoveredExactly)
 
 TEST_F(ThreeDates, ReportsTheSystemAndItsMemory)
 {
-    const auto outcome = testing_support::run_in_child(
+    const std::string err = testing_support::capture_stderr(
         [&] { invert("max_parallel_threads 2\ntemporal_constraint 1\n", {{1}, {1}, {2}}, 0); });
-    const std::string& err = outcome.err;
     // N = 3, M = 3, L = 5, P = 1, two threads.
     const std::string expected_head =
         "Number of interferograms        : 3\n"

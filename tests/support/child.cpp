@@ -56,6 +56,22 @@ Outcome run_forked(const std::function<void()>& in_child)
 
 Outcome run_in_child(const std::function<void()>& body) { return run_forked(body); }
 
+std::string capture_stderr(const std::function<void()>& body)
+{
+    char name[] = "/tmp/sbas-test-err-XXXXXX";
+    const int capture = mkstemp(name);
+    if (capture < 0) throw std::runtime_error("cannot create a capture file");
+    std::fflush(stderr);
+    const int saved = dup(STDERR_FILENO);
+    dup2(capture, STDERR_FILENO);
+    close(capture);
+    body();
+    std::fflush(stderr);
+    dup2(saved, STDERR_FILENO);
+    close(saved);
+    return slurp_and_remove(name);
+}
+
 Outcome run_program(const std::vector<std::string>& args, const std::string& cwd)
 {
     return run_forked([&] {

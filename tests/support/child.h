@@ -23,8 +23,14 @@ struct Outcome {
 inline constexpr int kReturned = 77;
 
 // Runs body() in a forked child; the child exits with kReturned when body
-// returns. Output is captured through files, so any amount is fine.
+// returns. Output is captured through files, so any amount is fine. The body
+// must not enter an OpenMP parallel region: once this process has started
+// OpenMP threads, the runtime hangs in a forked child. Code that returns is
+// captured in-process with capture_stderr instead.
 Outcome run_in_child(const std::function<void()>& body);
+
+// Runs body() in this process and returns what it wrote to standard error.
+std::string capture_stderr(const std::function<void()>& body);
 
 // Runs the sbas-ts program with `args` in the folder `cwd`.
 Outcome run_program(const std::vector<std::string>& args, const std::string& cwd = ".");
