@@ -13,10 +13,10 @@ sbas_install_packages
 
 root=$(pwd)
 cmake -S . -B build -DCMAKE_BUILD_TYPE=Release >/dev/null
-cmake --build build -j"$(nproc)" --target sbas-ts sbas-synth sbas-inspect
+cmake --build build -j"$(nproc)" --target sbas-ts sbas-synth sbas-quicklook
 sbas_ts=$root/build/sbas-ts
 synth=$root/build/tools/synth/sbas-synth
-inspect=$root/build/tools/inspect/sbas-inspect
+quicklook=$root/build/tools/quicklook/sbas-quicklook
 out=$root/demo-output
 mkdir -p "$out"
 
@@ -30,7 +30,7 @@ mkdir -p "$mexico/result"
 tail -n 2 "$mexico/run.log"
 wavelength=$(awk '$1 == "wavelength" {print $2}' "$mexico/example_config.txt")
 echo "Mean line-of-sight velocity (rad/yr, then in mm/yr):"
-"$inspect" stats "$mexico/result/linear_mean_velocity" "$mexico/ifg_header.txt" "$wavelength" | sed 's/^/  /'
+"$quicklook" stats "$mexico/result/linear_mean_velocity" "$mexico/ifg_header.txt" "$wavelength" | sed 's/^/  /'
 echo "Outputs: $mexico/result (log: $mexico/run.log)"
 
 echo
@@ -42,5 +42,5 @@ synthetic=$out/synthetic
 "$sbas_ts" "$synthetic/config.txt" 2>"$synthetic/run.log"
 tail -n 2 "$synthetic/run.log"
 echo "Estimate against truth (each map up to the constant the reference removes):"
-"$inspect" compare "$synthetic" | sed 's/^/  /'
+"$quicklook" compare "$synthetic" | sed 's/^/  /'
 echo "Outputs: $synthetic/result, truth: $synthetic/truth (log: $synthetic/run.log)"

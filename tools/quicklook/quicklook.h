@@ -1,10 +1,10 @@
-// The two commands of sbas-inspect. Both print to standard output and throw
+// The two commands of sbas-quicklook. Both print to standard output and throw
 // synth::Error (one-line message) when an input is missing or malformed.
 #pragma once
 
 #include <string>
 
-namespace inspect {
+namespace quicklook {
 
 // Summary of one float32 raster described by `header`: sample count, valid
 // samples (sbas-ts no-data rule), min, max, mean, 1st and 99th percentiles.
@@ -19,4 +19,4 @@ void print_stats(const std::string& raster, const std::string& header, double wa
 // each map up to a constant (the mean difference over estimated pixels).
 void print_comparison(const std::string& job_folder);
 
-}  // namespace inspect
+}  // namespace quicklook

@@ -8,10 +8,10 @@
 #include <cstdio>
 #include <vector>
 
-#include "inspect/inspect.h"
+#include "quicklook/quicklook.h"
 #include "synth/raster.h"
 
-namespace inspect {
+namespace quicklook {
 namespace {
 
 double percentile(const std::vector<double>& sorted, double p)
@@ -59,4 +59,4 @@ void print_stats(const std::string& raster, const std::string& header, double wa
     }
 }
 
-}  // namespace inspect
+}  // namespace quicklook

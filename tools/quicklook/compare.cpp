@@ -11,10 +11,10 @@
 #include <filesystem>
 #include <vector>
 
-#include "inspect/inspect.h"
+#include "quicklook/quicklook.h"
 #include "synth/synth.h"
 
-namespace inspect {
+namespace quicklook {
 namespace {
 
 namespace fs = std::filesystem;
@@ -136,4 +136,4 @@ void print_comparison(const std::string& job_folder)
     }
 }
 
-}  // namespace inspect
+}  // namespace quicklook
