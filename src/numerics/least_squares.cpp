@@ -144,6 +144,26 @@ void index_nonzeros(const double* A, int64_t L, int64_t M, DiagonalScratch& s)
     s.row_start[0] = 0;
 }
 
+// The two sparse products of the diagonal path. Column j of `out` (M rows,
+// `columns` columns) is the sum, from 0.0 and in list order, of column l of
+// `source` times A[j * a_step_j + l * a_step_l], over the entries l listed
+// for j in index[start[j] .. start[j + 1]). Each element receives its terms
+// in the order the dense product would, with the zero terms left out.
+void combine_columns(double* out, int64_t M, int64_t columns, const int64_t* start, const int64_t* index,
+                     const double* source, const double* A, int64_t a_step_j, int64_t a_step_l)
+{
+    for (int64_t j = 0; j < columns; ++j) {
+        double* column = out + j * M;
+        for (int64_t i = 0; i < M; ++i) column[i] = 0.0;
+        for (int64_t p = start[j]; p < start[j + 1]; ++p) {
+            const int64_t l = index[p];
+            const double a = A[j * a_step_j + l * a_step_l];
+            const double* from = source + l * M;
+            for (int64_t i = 0; i < M; ++i) column[i] += from[i] * a;
+        }
+    }
+}
+
 }  // namespace
 
 bool weighted_linear_function_diagonal(const double* A, const double* w, int64_t L, int64_t M,
@@ -172,16 +192,7 @@ bool weighted_linear_function_diagonal(const double* A, const double* w, int64_t
 
     // S = T A, M x M: column j sums T[:, l] A[l, j] over the nonzero rows l
     // of column j of A, in increasing l.
-    for (int64_t j = 0; j < M; ++j) {
-        double* s = S + j * M;
-        for (int64_t i = 0; i < M; ++i) s[i] = 0.0;
-        for (int64_t p = cstart[j]; p < cstart[j + 1]; ++p) {
-            const int64_t l = crows[p];
-            const double a = A[j * L + l];
-            const double* t = T + l * M;
-            for (int64_t i = 0; i < M; ++i) s[i] += t[i] * a;
-        }
-    }
+    combine_columns(S, M, M, cstart, crows, T, A, L, 1);
 
     matinv_acc(S, LU, pivots, M);
     // The inverse of a nearly singular matrix may overflow; the next product
@@ -190,16 +201,7 @@ bool weighted_linear_function_diagonal(const double* A, const double* w, int64_t
 
     // T = S A^T, M x L: column j sums S[:, l] A[j, l] over the nonzero
     // columns l of row j of A, in increasing l.
-    for (int64_t j = 0; j < L; ++j) {
-        double* t = T + j * M;
-        for (int64_t i = 0; i < M; ++i) t[i] = 0.0;
-        for (int64_t p = rstart[j]; p < rstart[j + 1]; ++p) {
-            const int64_t l = rcols[p];
-            const double a = A[l * L + j];
-            const double* s = S + l * M;
-            for (int64_t i = 0; i < M; ++i) t[i] += s[i] * a;
-        }
-    }
+    combine_columns(T, M, L, rstart, rcols, S, A, 1, L);
     if (!all_finite(T, M * L)) return false;
 
     // E = T diag(w), M x L.
