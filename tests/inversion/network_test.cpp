@@ -132,32 +132,4 @@ TEST_F(ThreeDates, TheReducedSystemWeighsConstraintsByOneOverRootStrength)
     EXPECT_EQ(W[1], 0.0);
 }
 
-TEST_F(ThreeDates, ALinearConstraintPullsIncrementsTowardOneRate)
-{
-    // Only the long interferogram: with a rate the two increments share it.
-    invert("temporal_constraint 1\n", {{0.0f}, {0.0f}, {2.0f}}, 0);
-    const auto first = read_floats(job.result("culmap-20200113-20200101.disp"));
-    const auto second = read_floats(job.result("culmap-20200125-20200101.disp"));
-    EXPECT_NEAR(first[0], 1.0f, 1e-5);
-    EXPECT_NEAR(second[0], 2.0f, 1e-5);
-}
-
-TEST_F(ThreeDates, TheDemErrorIsWrittenWhenAsked)
-{
-    // Unknowns: two increments and dz; three observations determine them.
-    const BASELINE baselines[] = {{20200101, 20200113, 100.0f}, {20200113, 20200125, -50.0f},
-                                  {20200101, 20200125, 30.0f}};
-    const double K = 12.566370614359172 / (static_cast<double>(0.055165f) * static_cast<double>(690000.0f) *
-                                           std::sin(static_cast<double>(39.0f) * M_PI / 180.0));
-    const double dz = 3.0, a = 0.5, b = -0.25;
-    invert("if_est_hgt 1\n",
-           {{static_cast<float>(a + 100 * K * dz)}, {static_cast<float>(b - 50 * K * dz)},
-            {static_cast<float>(a + b + 30 * K * dz)}},
-           0, baselines);
-    const auto dem = read_floats(job.result("baseline_dependent_dem_error"));
-    ASSERT_EQ(dem.size(), 1u);
-    EXPECT_NEAR(dem[0], dz, 1e-3);
-    EXPECT_NEAR(read_floats(job.result("culmap-20200113-20200101.disp"))[0], a, 1e-4);
-}
-
 }  // namespace

@@ -6,7 +6,6 @@
 #include <limits>
 
 #include "numerics/arrays.h"
-#include "numerics/parallel.h"
 #include "numerics/stats.h"
 #include "numerics/validity.h"
 #include "support/child.h"
@@ -83,26 +82,6 @@ TEST(Allocation, FailuresArePrintedAndNotFatal)
               "matrix memory allocation error: n=0,m=0\n"
               "integer matrix memory allocation error: n=0,m=2\n"
               "Allocating memory wrong, no enough memory!Allocating memory wrong, no enough memory!");
-}
-
-TEST(Blocks, ContiguousBlocksCoverEveryItemOnce)
-{
-    for (int64_t count : {0, 1, 7, 10, 11}) {
-        for (int64_t parts : {1, 2, 3, 4, 16}) {
-            int64_t next = 0;
-            for (int64_t t = 0; t < parts; ++t) {
-                const lib::Block b = lib::block_of(count, parts, t);
-                if (b.first == b.end) continue;
-                EXPECT_EQ(b.first, next);
-                EXPECT_LE(b.end - b.first, (count + parts - 1) / parts);
-                next = b.end;
-            }
-            EXPECT_EQ(next, count);
-        }
-    }
-    EXPECT_EQ(lib::region_threads(0), 1);
-    EXPECT_EQ(lib::region_threads(-3), 1);
-    EXPECT_EQ(lib::region_threads(4), 4);
 }
 
 }  // namespace
