@@ -31,8 +31,9 @@
 #include "catalogue/raster.h"
 #include "config/cfg.h"
 #include "inversion/network.h"
-#include "inversion/stack.h"
+#include "catalogue/stack.h"
 #include "numerics/arrays.h"
+#include "numerics/parallel.h"
 #include "synth/synth.h"
 
 namespace {
@@ -131,19 +132,18 @@ Timing load_and_invert(CFG cfg, int threads, int64_t pixels, bool invert)
     const std::vector<float> mask(static_cast<size_t>(pixels), 0.0f);
     Timing t;
     QuietStderr quiet;
-    for (int64_t first = 0; first < pixels; first += cfg.maxcap) {
-        const int64_t end = std::min(first + cfg.maxcap, pixels);
-        std::vector<int> count(static_cast<size_t>(end - first), 0);
+    lib::for_each_batch(pixels, cfg.maxcap, [&](const lib::Batch& batch) {
+        std::vector<int> count(static_cast<size_t>(batch.end - batch.first), 0);
         auto start = Clock::now();
-        float** stack = com::readallfile(cfg, first, end, references.data(), mask.data(), count.data());
+        float** stack = com::readallfile(cfg, batch.first, batch.end, references.data(), mask.data(), count.data());
         t.load += seconds_since(start);
         if (invert) {
             start = Clock::now();
-            sbas::sbas_step2_sbas_linear_new(cfg, dates, nullptr, stack, count.data(), first, end);
+            sbas::sbas_step2_sbas_linear_new(cfg, dates, nullptr, stack, count.data(), batch.first, batch.end);
             t.invert += seconds_since(start);
         }
         lib::free2d_float(stack, cfg.n_ifg);
-    }
+    });
     return t;
 }
 

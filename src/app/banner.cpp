@@ -1,7 +1,7 @@
 // The banner names the method's literature and the compiled-in parallelism;
 // the licence notices are those of the program and of the FFTW library it
-// links. Their line breaks are part of what users' scripts have seen for
-// years, so they are written line by line.
+// links. The contract fixes their line breaks, so they are written line by
+// line; tests/app/banner_test.cpp pins them.
 #include "app/banner.h"
 
 #include <cmath>

@@ -8,8 +8,8 @@
 // mask (one per pixel), the baselines and the ordered dates.
 //
 // The network inversion is cut into batches of maxcap consecutive pixels
-// (batches may cut rows), so only one batch of the stack is in memory at a
-// time; the batch arithmetic lives here and nowhere else.
+// (batches may cut rows, see lib::for_each_batch), so only one batch of the
+// stack is in memory at a time.
 //
 // A stage that this build does not provide yet is named on standard error
 // and skipped; the run goes on with what it has.
@@ -26,11 +26,12 @@
 #include "catalogue/filelist.h"
 #include "catalogue/header.h"
 #include "catalogue/raster.h"
+#include "catalogue/stack.h"
 #include "config/cfg.h"
 #include "config/fatal.h"
 #include "inversion/network.h"
-#include "inversion/stack.h"
 #include "numerics/arrays.h"
+#include "numerics/parallel.h"
 #include "reference/ref_point.h"
 
 namespace sbas {
@@ -94,26 +95,17 @@ void invert_in_batches(const CFG& cfg, const HEADER& header, const std::vector<D
                        const BASELINE* baselines, const float* reference_values, const float* mask)
 {
     std::fputs("\n*************Time series inversion start*****************\n", stderr);
-    if (cfg.maxcap < 1) lib::die("maxcap must be a positive number of pixels (it is %lld)\n",
-                                 static_cast<long long>(cfg.maxcap));
     const int64_t pixels = com::pixel_count(header);
-    const float total = std::ceil(static_cast<float>(header.FILE_LENGTH) * static_cast<float>(header.WIDTH) /
-                                  static_cast<float>(cfg.maxcap));
+    const float total = lib::batch_total(header.WIDTH, header.FILE_LENGTH, cfg.maxcap);
     const int rows = static_cast<int>(cfg.ifg_names.size());
-    int64_t first = 0;
-    int64_t end = std::min(cfg.maxcap, pixels);
-    for (int batch = 1;; ++batch) {
-        std::fprintf(stderr, "\n=> Inversing batch %d / %.0f\n", batch, total);
-        int* count = lib::zeros_int(end - first, 1);
-        if (!count && end > first) lib::out_of_memory();
-        float** stack = com::readallfile(cfg, first, end, reference_values, mask, count);
-        sbas_step2_sbas_linear_new(cfg, dates, baselines, stack, count, first, end);
+    lib::for_each_batch(pixels, cfg.maxcap, [&](const lib::Batch& batch) {
+        std::fprintf(stderr, "\n=> Inversing batch %d / %.0f\n", batch.number, total);
+        int* count = lib::need<int>(batch.end - batch.first);
+        float** stack = com::readallfile(cfg, batch.first, batch.end, reference_values, mask, count);
+        sbas_step2_sbas_linear_new(cfg, dates, baselines, stack, count, batch.first, batch.end);
         lib::free2d_float(stack, rows);
         std::free(count);
-        if (end == pixels) break;
-        first += cfg.maxcap;
-        end = std::min(end + cfg.maxcap, pixels);
-    }
+    });
     std::fputs("\n*************Time series inversion finish****************\n", stderr);
 }
 
@@ -138,9 +130,7 @@ void sbas_allocate_area(const char* config_path)
 
     // Reference values on the interferograms as given; the loop-closure
     // check needs them. Zeros when nothing consumes them.
-    const size_t n_names = cfg.ifg_names.size();
-    float* reference_values = static_cast<float*>(std::calloc(n_names ? n_names : 1, sizeof(float)));
-    if (!reference_values) lib::out_of_memory();
+    float* reference_values = lib::per_interferogram(cfg.ifg_names.size());
     if (reference_consumer) {
         std::free(reference_values);
         reference_values = sbas_step1(&cfg);
@@ -148,8 +138,7 @@ void sbas_allocate_area(const char* config_path)
 
     const HEADER header = com::readheader(cfg.headerfile);
     const int64_t pixels = com::pixel_count(header);
-    float* mask = lib::zeros_float(pixels, 1);
-    if (!mask && pixels > 0) lib::out_of_memory();
+    float* mask = lib::need<float>(pixels);
 
     if (cfg.if_check_loop_closure == 1) loop_closure_stage(cfg, pixels, mask);
 

@@ -37,10 +37,9 @@ BASELINE* get_baselines(const CFG& cfg)
     size_t lines = 0;
     lib::for_each_line(file, true, [&](char*) { ++lines; });
 
-    // calloc refuses a count whose size overflows; one spare record keeps an
-    // empty file from looking like a failed allocation.
-    auto* table = static_cast<BASELINE*>(std::calloc(lines + 1, sizeof(BASELINE)));
-    if (!table) lib::out_of_memory();
+    // One spare record keeps an empty file from looking like a failed
+    // allocation.
+    auto* table = lib::need<BASELINE>(static_cast<int64_t>(lines) + 1);
 
     std::rewind(file);
     size_t rows = 0;
@@ -59,8 +58,7 @@ BASELINE* get_baselines(const CFG& cfg)
     // Never null: an empty interferogram list gives a block with no records
     // in use, released like any other.
     const size_t n = cfg.ifg_names.size();
-    auto* result = static_cast<BASELINE*>(std::calloc(n == 0 ? 1 : n, sizeof(BASELINE)));
-    if (!result) lib::out_of_memory();
+    auto* result = lib::need<BASELINE>(n == 0 ? 1 : static_cast<int64_t>(n));
 
     for (size_t i = 0; i < n; ++i) {
         const char* name = cfg.ifg_names[i].c_str();

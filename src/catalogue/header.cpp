@@ -4,27 +4,19 @@
 // integers and widened.
 #include "catalogue/header.h"
 
-#include <cstring>
-
 #include "config/fatal.h"
 #include "config/text.h"
 
 namespace com {
 namespace {
 
-struct Key {
-    const char* name;
-    int64_t HEADER::*size;  // set for the two sizes
-    double HEADER::*coordinate;  // set for the four coordinates
-};
-
-const Key kKeys[] = {
-    {"WIDTH", &HEADER::WIDTH, nullptr},
-    {"FILE_LENGTH", &HEADER::FILE_LENGTH, nullptr},
-    {"X_FIRST", nullptr, &HEADER::X_FIRST},
-    {"Y_FIRST", nullptr, &HEADER::Y_FIRST},
-    {"X_STEP", nullptr, &HEADER::X_STEP},
-    {"Y_STEP", nullptr, &HEADER::Y_STEP},
+const lib::Key<HEADER> kKeys[] = {
+    {"WIDTH", &HEADER::WIDTH},
+    {"FILE_LENGTH", &HEADER::FILE_LENGTH},
+    {"X_FIRST", &HEADER::X_FIRST},
+    {"Y_FIRST", &HEADER::Y_FIRST},
+    {"X_STEP", &HEADER::X_STEP},
+    {"Y_STEP", &HEADER::Y_STEP},
 };
 
 }  // namespace
@@ -33,19 +25,7 @@ HEADER readheader(const char* path)
 {
     HEADER header;
     FILE* file = lib::fopen_zq(path, "r");
-    lib::for_each_line(file, false, [&](char* line) {
-        lib::strtruc(line);
-        char key[lib::kFieldBytes];
-        char value[lib::kFieldBytes];
-        lib::substr(key, line, 1);
-        for (const Key& k : kKeys) {
-            if (std::strcmp(key, k.name) != 0) continue;
-            lib::substr(value, line, 2);
-            std::strcpy(key, value);
-            if (k.size) header.*k.size = lib::int_prefix(value);
-            else header.*k.coordinate = lib::double_prefix(value);
-        }
-    });
+    lib::read_keyed(file, kKeys, header);
     std::fclose(file);
     return header;
 }

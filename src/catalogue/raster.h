@@ -5,6 +5,11 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "numerics/arrays.h"
 
 namespace com {
 
@@ -28,6 +33,23 @@ void read_samples(FILE* stream, const char* path, int64_t first, int64_t count, 
 // Opens `path`, reads its samples [first, first + count) with read_samples
 // and closes it. A missing file ends the run.
 void read_raster(const char* path, int64_t first, int64_t count, float* out);
+
+// Streams whole rasters: for each name of `names` in order, reads
+// folder "/" name whole (`pixels` samples, with the size check of
+// read_samples) into one buffer and calls visit(k, samples) with the name's
+// index. Memory holds one raster whatever the length of the list; the
+// buffer is reused, so `samples` is valid only during the call.
+template <typename Visit>
+void for_each_raster(const char* folder, const std::vector<std::string>& names, int64_t pixels, Visit visit)
+{
+    float* samples = lib::need<float>(pixels);
+    for (size_t k = 0; k < names.size(); ++k) {
+        const Path path = join_path(folder, names[k].c_str());
+        read_raster(path.c_str(), 0, pixels, samples);
+        visit(k, static_cast<const float*>(samples));
+    }
+    std::free(samples);
+}
 
 // The mode of a batch output file: "wb" for the batch that starts at pixel 0
 // (a new run overwrites), "ab" for every later batch (appended in pixel order,

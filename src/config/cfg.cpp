@@ -5,7 +5,7 @@
 // the line's second field takes the key's place and the comparison goes on
 // down the list, so a value that is itself a later key name sets that key
 // too (`resultfolder headerfile` sets both resultfolder and headerfile to
-// "headerfile"). Users' files have been written against that rule; it stays.
+// "headerfile"). The contract fixes that rule; tests/config/cfg_test.cpp pins it.
 //
 // Conversions follow the member type: paths take the field as it stands,
 // integers its decimal prefix, floats its floating-point prefix read as a
@@ -19,7 +19,6 @@
 #include <climits>
 #include <cmath>
 #include <cstring>
-#include <variant>
 
 #include "catalogue/filelist.h"
 #include "catalogue/header.h"
@@ -29,20 +28,10 @@
 namespace lib {
 namespace {
 
-// An int setting read as a double and truncated toward zero.
-struct Truncated {
-    int CFG::*member;
-};
-
-using Member = std::variant<char (CFG::*)[kPathBytes], int CFG::*, int64_t CFG::*, float CFG::*, Truncated>;
-
-struct Key {
-    const char* name;
-    Member member;
-};
+using Truncated = lib::Truncated<CFG>;
 
 // The comparison order matters (see above); do not sort.
-const Key kKeys[] = {
+const Key<CFG> kKeys[] = {
     {"resultfolder", &CFG::resultfolder},
     {"headerfile", &CFG::headerfile},
     {"filelist", &CFG::filelist},
@@ -97,48 +86,10 @@ const Key kKeys[] = {
     {"if_use_existing_phasemask", &CFG::if_use_existing_phasemask},
 };
 
-// Truncation toward zero that stays defined for values no int can hold.
-int truncate_to_int(double value)
-{
-    if (std::isnan(value)) return 0;
-    if (value >= static_cast<double>(INT_MAX)) return INT_MAX;
-    if (value <= static_cast<double>(INT_MIN)) return INT_MIN;
-    return static_cast<int>(value);
-}
-
-void store(CFG& cfg, const Member& member, const char* value)
-{
-    struct Visitor {
-        CFG& cfg;
-        const char* value;
-        void operator()(char (CFG::*path)[kPathBytes]) const
-        {
-            std::strncpy(cfg.*path, value, kPathBytes - 1);
-            (cfg.*path)[kPathBytes - 1] = '\0';
-        }
-        void operator()(int CFG::*m) const { cfg.*m = int_prefix(value); }
-        void operator()(int64_t CFG::*m) const { cfg.*m = int_prefix(value); }
-        void operator()(float CFG::*m) const { cfg.*m = static_cast<float>(double_prefix(value)); }
-        void operator()(Truncated t) const { cfg.*t.member = truncate_to_int(double_prefix(value)); }
-    };
-    std::visit(Visitor{cfg, value}, member);
-}
-
 void read_settings(CFG& cfg, const char* path)
 {
     FILE* file = fopen_zq(path, "r");
-    for_each_line(file, false, [&](char* line) {
-        strtruc(line);
-        char key[kFieldBytes];
-        char value[kFieldBytes];
-        substr(key, line, 1);
-        for (const Key& k : kKeys) {
-            if (std::strcmp(key, k.name) != 0) continue;
-            substr(value, line, 2);
-            std::strcpy(key, value);
-            store(cfg, k.member, value);
-        }
-    });
+    read_keyed(file, kKeys, cfg);
     std::fclose(file);
 }
 

@@ -11,9 +11,7 @@
 #include <string>
 #include <vector>
 
-namespace lib {
-inline constexpr int kPathBytes = 1000;  // every path of the record, NUL-terminated
-}
+#include "config/text.h"
 
 struct CFG {
     int masterdate = 0;            // a date yyyymmdd

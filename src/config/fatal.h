@@ -1,11 +1,10 @@
-// The one sink for errors that end a run.
-//
-// Errors are not thrown. A fatal input error writes one message and ends the
-// process with exit status 0 (never a failure status: users' scripts rely on
-// that). If several threads fail at once, only the first message is written.
+// Opening the files of a job, or ending the run when one is missing. The
+// stops themselves go through the sink of numerics/sink.h.
 #pragma once
 
 #include <cstdio>
+
+#include "numerics/sink.h"
 
 namespace lib {
 
@@ -15,11 +14,5 @@ FILE* fopen_zq(const char* path, const char* mode);
 
 // Writes `message` and a line feed to standard output; ends the run.
 [[noreturn]] void exit_zq(const char* message);
-
-// Writes the printf-formatted message to standard error; ends the run.
-[[noreturn]] void die(const char* format, ...) __attribute__((format(printf, 1, 2)));
-
-// Writes the printf-formatted message to standard output; ends the run.
-[[noreturn]] void die_stdout(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 }  // namespace lib

@@ -4,6 +4,8 @@
 // is complete, so a long tail of the line costs nothing.
 #include "config/text.h"
 
+#include <climits>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 
@@ -42,5 +44,13 @@ int32_t int_prefix(const char* field)
 }
 
 double double_prefix(const char* field) { return std::strtod(field, nullptr); }
+
+int truncate_to_int(double value)
+{
+    if (std::isnan(value)) return 0;
+    if (value >= static_cast<double>(INT_MAX)) return INT_MAX;
+    if (value <= static_cast<double>(INT_MIN)) return INT_MIN;
+    return static_cast<int>(value);
+}
 
 }  // namespace lib

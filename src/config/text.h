@@ -9,9 +9,12 @@
 
 #include <cstdio>
 #include <cstdint>
+#include <cstring>
+#include <variant>
 
 namespace lib {
 
+inline constexpr int kPathBytes = 1000;  // every path of a job, NUL-terminated
 inline constexpr int kLineBytes = 999;   // line buffer of every text reader
 inline constexpr int kFieldBytes = 200;  // a field holds at most 199 characters
 
@@ -51,6 +54,77 @@ void for_each_line(FILE* stream, bool stop_at_empty_read, Handle handle)
         if (stop_at_empty_read && line[0] == '\0') break;
         handle(line);
     }
+}
+
+// A key of a key/value file and the member of `Record` it sets.
+// Conversions by member type: a path (char array) takes the field as it
+// stands; int and int64_t members the decimal integer prefix, read as 32
+// bits and widened; float members the floating-point prefix read as a double
+// and rounded; double members that prefix as it is; Truncated int members
+// the floating-point prefix truncated toward zero (so "1e1" gives 10 there
+// and 1 for a plain int).
+template <typename Record>
+struct Truncated {
+    int Record::*member;
+};
+
+template <typename Record>
+using KeyMember = std::variant<std::monostate, char (Record::*)[kPathBytes], int Record::*, int64_t Record::*,
+                               float Record::*, double Record::*, Truncated<Record>>;
+
+template <typename Record>
+struct Key {
+    const char* name;
+    KeyMember<Record> member;
+};
+
+// Truncation toward zero that stays defined for values no int can hold
+// (they clamp; NaN gives 0).
+int truncate_to_int(double value);
+
+template <typename Record>
+void store_key(Record& record, const KeyMember<Record>& member, const char* value)
+{
+    struct Visitor {
+        Record& record;
+        const char* value;
+        void operator()(std::monostate) const {}
+        void operator()(char (Record::*path)[kPathBytes]) const
+        {
+            std::strncpy(record.*path, value, kPathBytes - 1);
+            (record.*path)[kPathBytes - 1] = '\0';
+        }
+        void operator()(int Record::*m) const { record.*m = int_prefix(value); }
+        void operator()(int64_t Record::*m) const { record.*m = int_prefix(value); }
+        void operator()(float Record::*m) const { record.*m = static_cast<float>(double_prefix(value)); }
+        void operator()(double Record::*m) const { record.*m = double_prefix(value); }
+        void operator()(Truncated<Record> t) const { record.*t.member = truncate_to_int(double_prefix(value)); }
+    };
+    std::visit(Visitor{record, value}, member);
+}
+
+// Reads the key/value lines of an open stream into `record`, the way the
+// configuration and the raster headers are read: each line is stripped of
+// leading spaces and its first field is compared, exactly and
+// case-sensitively, with the keys in the table's order. On a match the
+// line's second field is stored and takes the key's place for the rest of
+// that line's comparisons, so a value that is itself a later key's name sets
+// that key too. Other lines are ignored; a later line wins.
+template <typename Record, size_t N>
+void read_keyed(FILE* stream, const Key<Record> (&keys)[N], Record& record)
+{
+    for_each_line(stream, false, [&](char* line) {
+        strtruc(line);
+        char key[kFieldBytes];
+        char value[kFieldBytes];
+        substr(key, line, 1);
+        for (const Key<Record>& k : keys) {
+            if (std::strcmp(key, k.name) != 0) continue;
+            substr(value, line, 2);
+            std::strcpy(key, value);
+            store_key(record, k.member, value);
+        }
+    });
 }
 
 }  // namespace lib

@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <limits>
 
-#include "config/fatal.h"
 
 namespace lib {
 namespace {
@@ -21,14 +20,19 @@ size_t block_bytes(int64_t n, int64_t m, size_t size)
     return static_cast<size_t>(un * um) * size;
 }
 
+void* zero_bytes(int64_t n, int64_t m, size_t size)
+{
+    if (n < 1 || m < 1) return nullptr;
+    const size_t bytes = block_bytes(n, m, size);
+    void* p = bytes ? std::calloc(1, bytes) : nullptr;
+    if (!p) std::printf("Memory allocation error: n=%d,m=%d\n", static_cast<int>(m), static_cast<int>(n));
+    return p;
+}
+
 template <typename T>
 T* zero_block(int64_t n, int64_t m)
 {
-    if (n < 1 || m < 1) return nullptr;
-    const size_t bytes = block_bytes(n, m, sizeof(T));
-    void* p = bytes ? std::calloc(1, bytes) : nullptr;
-    if (!p) std::printf("Memory allocation error: n=%d,m=%d\n", static_cast<int>(m), static_cast<int>(n));
-    return static_cast<T*>(p);
+    return static_cast<T*>(zero_bytes(n, m, sizeof(T)));
 }
 
 template <typename T>
@@ -70,6 +74,8 @@ void free_two_level(T** a, int rows)
 
 }  // namespace
 
+void* zeros_bytes(int64_t n, size_t size) { return zero_bytes(n, 1, size); }
+
 int* zeros_int(int64_t n, int64_t m) { return zero_block<int>(n, m); }
 float* zeros_float(int64_t n, int64_t m) { return zero_block<float>(n, m); }
 double* zeros(int64_t n, int64_t m) { return zero_block<double>(n, m); }
@@ -85,6 +91,13 @@ void free2d_int(int** a, int rows) { free_two_level(a, rows); }
 void free2d_float(float** a, int rows) { free_two_level(a, rows); }
 void free2d_double(double** a, int rows) { free_two_level(a, rows); }
 
-void out_of_memory() { die("Could not allocate memory!\n"); }
+float** need_rows(int64_t rows, int64_t cols)
+{
+    float** a = create_2d_array_float(rows, cols);
+    if (!complete(a, rows, cols)) out_of_memory();
+    return a;
+}
+
+float* per_interferogram(size_t n) { return need<float>(n > 0 ? static_cast<int64_t>(n) : 1); }
 
 }  // namespace lib

@@ -6,11 +6,20 @@
 //
 // The helpers report a failed allocation on standard output and return null
 // (a two-level array may come back with null rows); they never end the run.
-// Callers that cannot go on without the memory end the run themselves with
-// out_of_memory().
+//
+// The idiom for every buffer whose size comes from the input (a grid, a list,
+// a batch) is need<T>() or need_rows(): the helper above, and when memory
+// fails its message followed by "Could not allocate memory!\n" and the end
+// of the run, never a crash on null. Small fixed-shape scratch may be a
+// std::vector; the program's entry point turns a failed operator new into
+// the same stop.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <type_traits>
+
+#include "numerics/sink.h"
 
 namespace lib {
 
@@ -35,9 +44,29 @@ void free2d_int(int** a, int rows);
 void free2d_float(float** a, int rows);
 void free2d_double(double** a, int rows);
 
-// Ends the run (status 0) with "Could not allocate memory!\n" on standard
-// error, for callers whose allocation came back null.
-[[noreturn]] void out_of_memory();
+// A zero-filled block of n elements of `size` bytes with the overflow check
+// and the message of zeros(n, 1); null when n < 1 or memory fails.
+void* zeros_bytes(int64_t n, size_t size);
+
+// A zero-filled block of n elements (std::free), or the end of the run when
+// memory fails. n < 1 gives null: nothing to hold. T is a plain record or
+// number whose all-zero bytes are its zero value.
+template <typename T>
+T* need(int64_t n)
+{
+    static_assert(std::is_trivially_copyable_v<T>, "need<T> holds plain records only");
+    T* p = static_cast<T*>(zeros_bytes(n, sizeof(T)));
+    if (!p && n > 0) out_of_memory();
+    return p;
+}
+
+// rows x cols zero-filled floats (lib::free2d_float), or the end of the run
+// when any part fails. rows < 1 gives null.
+float** need_rows(int64_t rows, int64_t cols);
+
+// One zero float per interferogram of a list of n, and never an empty block
+// (one entry when n is 0), so that callers may index and free it alike.
+float* per_interferogram(size_t n);
 
 // True when a 2-D array of rows x cols is fully allocated (every row present
 // when cols > 0).

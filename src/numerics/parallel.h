@@ -1,14 +1,23 @@
-// Contiguous work blocks for the OpenMP regions of the stages.
+// How the work of a run is cut: contiguous blocks of items for the threads
+// of a parallel region, and batches of pixels for the stages that hold only
+// part of the grid in memory.
 //
 // A region of T threads splits `count` items (interferograms, or pixels of a
 // batch) into blocks of ceil(count / T); thread t takes items
 // [t*b, min((t+1)*b, count)). Threads write disjoint items and pick their
 // scratch by thread number, so nothing is locked, and a result never depends
 // on the number of threads.
+//
+// A batch is a half-open range [first, end) of flat pixel indices, at most
+// maxcap long; batches may cut rows. Kernels see only [first, end); this is
+// the one place that knows how the grid is cut.
 #pragma once
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
+
+#include "numerics/sink.h"
 
 namespace lib {
 
@@ -29,5 +38,38 @@ inline Block block_of(int64_t count, int64_t parts, int64_t index)
 // Threads for a parallel region from the max_parallel_threads setting: the
 // setting itself, at least 1 (a region cannot run on fewer).
 inline int region_threads(int configured) { return std::max(configured, 1); }
+
+struct Batch {
+    int64_t first;  // first pixel
+    int64_t end;    // one past the last pixel
+    int number;     // counted from 1
+};
+
+// The number of batches as the progress lines print it: ceil(length x width /
+// maxcap) in single precision, whatever the exact count.
+inline float batch_total(int64_t width, int64_t length, int64_t maxcap)
+{
+    return std::ceil(static_cast<float>(length) * static_cast<float>(width) / static_cast<float>(maxcap));
+}
+
+// Calls visit(const Batch&) for the batches of maxcap pixels over
+// [0, pixels), in order: the first is [0, min(maxcap, pixels)), each next one
+// moves both bounds by maxcap and cuts the end at `pixels`, and the last is
+// the one that ends at `pixels`. A grid without pixels still has one (empty)
+// batch. A maxcap below 1 would never get through the grid: the run stops.
+template <typename Visit>
+void for_each_batch(int64_t pixels, int64_t maxcap, Visit visit)
+{
+    if (maxcap < 1)
+        die("maxcap must be a positive number of pixels (it is %lld)\n", static_cast<long long>(maxcap));
+    Batch batch{0, std::min(maxcap, pixels), 1};
+    for (;;) {
+        visit(static_cast<const Batch&>(batch));
+        if (batch.end >= pixels) return;
+        batch.first += maxcap;
+        batch.end = std::min(batch.end + maxcap, pixels);
+        ++batch.number;
+    }
+}
 
 }  // namespace lib

@@ -19,10 +19,24 @@ double std(std::vector<float> x);
 // shrink the result. The mixed count is intended.
 double std_double(int64_t n, const double* x);
 
-// One step of the running mean and sample variance after the k-th sample x
-// (k >= 2 counts x). When round_previous_mean is set the previous mean is
-// first rounded to float, as the reference-point searches require.
-void running_update(double k, double& mean, double& variance, double x, bool round_previous_mean);
+// How the running update takes the previous mean: as it is, or first
+// rounded to float (the reference searches keep their means at that
+// precision from one interferogram to the next).
+enum class PreviousMean { exact, rounded_to_float };
+
+// Running mean and sample variance (divisor count - 1) of a stream of
+// samples, in one pass and without storing them.
+struct RunningMoments {
+    double count = 0;
+    double mean = 0;
+    double variance = 0;
+
+    // Counts x. The first sample sets mean = x and variance = 0; every later
+    // one, with k the new count and m the previous mean:
+    //   mean'     = ((k - 1) m + x) / k
+    //   variance' = (k - 2) variance / (k - 1) + (m - mean')^2 + (x - mean')^2 / (k - 1)
+    void add(double x, PreviousMean previous = PreviousMean::exact);
+};
 
 }  // namespace lib
 

@@ -39,13 +39,6 @@
 namespace com {
 namespace {
 
-double* zeroed_doubles(int64_t n)
-{
-    double* block = lib::zeros(n, 1);
-    if (!block) lib::out_of_memory();
-    return block;
-}
-
 // Where a flat index lies. Row and column come from the index in double
 // precision; the coordinates are those of the pixel's corner sample.
 // Precondition: header.WIDTH >= 1.
@@ -95,54 +88,34 @@ int64_t find_ref_point(CFG cfg)
 {
     const HEADER header = readheader(cfg.headerfile);
     const int64_t pixels = pixel_count(header);
-    double* mean = nullptr;
-    double* variance = nullptr;
-    float* samples = nullptr;
-    if (pixels > 0) {
-        mean = zeroed_doubles(pixels);
-        variance = zeroed_doubles(pixels);
-        samples = lib::zeros_float(pixels, 1);
-        if (!samples) lib::out_of_memory();
-    }
+    lib::RunningMoments* moments = lib::need<lib::RunningMoments>(pixels);
 
-    for (size_t k = 0; k < cfg.ifg_names.size(); ++k) {
-        const Path path = join_path(cfg.datafolder, cfg.ifg_names[k].c_str());
-        read_raster(path.c_str(), 0, pixels, samples);
-        if (k == 0) {
-            for (int64_t p = 0; p < pixels; ++p) {
-                if (!lib::isvalid(samples[p])) continue;
-                mean[p] = samples[p];
-                variance[p] = 0;
-            }
-            continue;
-        }
-        // A mean of 0 marks an excluded pixel: it failed once and stays out.
-        const double count = static_cast<double>(k + 1);
+    // A mean of 0 marks an excluded pixel: invalid once, it stays out.
+    for_each_raster(cfg.datafolder, cfg.ifg_names, pixels, [&](size_t k, const float* samples) {
         for (int64_t p = 0; p < pixels; ++p) {
-            if (lib::isvalid_double(mean[p]) && lib::isvalid(samples[p])) {
-                lib::running_update(count, mean[p], variance[p], samples[p], true);
-            } else {
-                mean[p] = 0;
-                variance[p] = 0;
+            lib::RunningMoments& m = moments[p];
+            if ((k == 0 || lib::isvalid_double(m.mean)) && lib::isvalid(samples[p])) {
+                m.add(samples[p], lib::PreviousMean::rounded_to_float);
+            } else if (k > 0) {
+                m.mean = 0;
+                m.variance = 0;
             }
         }
-    }
+    });
 
     // A variance of exactly 0 (a constant pixel, or a single interferogram)
     // is no evidence of stability and does not qualify.
     float least = 999999.0f;
     int64_t chosen = -1;
     for (int64_t p = 0; p < pixels; ++p) {
-        if (!lib::isvalid_double(variance[p])) continue;
-        const double magnitude = std::fabs(variance[p]);
-        if (least > magnitude) {
-            least = static_cast<float>(magnitude);
+        const double variance = moments[p].variance;
+        if (!lib::isvalid_double(variance)) continue;
+        if (least > std::fabs(variance)) {
+            least = static_cast<float>(std::fabs(variance));
             chosen = p;
         }
     }
-    std::free(mean);
-    std::free(variance);
-    std::free(samples);
+    std::free(moments);
 
     if (chosen < 0) no_stable_point();
     write_report(cfg, chosen, header);
@@ -166,32 +139,17 @@ int64_t find_ref_grid(CFG cfg)
     }
     const int64_t cells = across * down;
 
-    double* mean = nullptr;
-    double* variance = nullptr;
-    double* count = nullptr;     // interferograms seen; 0 marks an excluded cell
-    double* cell_sum = nullptr;  // this interferogram's valid samples, per cell
-    double* cell_n = nullptr;
-    float* samples = nullptr;
-    if (cells > 0) {
-        mean = zeroed_doubles(cells);
-        variance = zeroed_doubles(cells);
-        count = zeroed_doubles(cells);
-        cell_sum = zeroed_doubles(cells);
-        cell_n = zeroed_doubles(cells);
-        samples = lib::zeros_float(pixels, 1);
-        if (!samples) lib::out_of_memory();
-    }
+    // Per cell: the moments of its mean through the interferograms (a count
+    // of 0 marks an excluded cell), and this interferogram's valid samples.
+    lib::RunningMoments* moments = lib::need<lib::RunningMoments>(cells);
+    double* cell_sum = lib::need<double>(cells);
+    double* cell_n = lib::need<double>(cells);
 
-    for (size_t k = 0; k < cfg.ifg_names.size(); ++k) {
-        const Path path = join_path(cfg.datafolder, cfg.ifg_names[k].c_str());
-        read_raster(path.c_str(), 0, pixels, samples);
-
+    for_each_raster(cfg.datafolder, cfg.ifg_names, pixels, [&](size_t k, const float* samples) {
         // One pass in raster order adds each cell's samples row by row, the
         // order a cell-by-cell walk would take.
-        if (cells > 0) {
-            std::fill(cell_sum, cell_sum + cells, 0.0);
-            std::fill(cell_n, cell_n + cells, 0.0);
-        }
+        std::fill(cell_sum, cell_sum + cells, 0.0);
+        std::fill(cell_n, cell_n + cells, 0.0);
         for (int64_t i = 0; i < (pixels > 0 ? header.FILE_LENGTH : 0); ++i) {
             const int64_t cell_row = (i / side) * across;
             const float* line = samples + i * header.WIDTH;
@@ -202,27 +160,16 @@ int64_t find_ref_grid(CFG cfg)
                 cell_n[cell] += 1;
             }
         }
-
         for (int64_t cell = 0; cell < cells; ++cell) {
-            if (k == 0) {
-                if (cell_n[cell] < 0.5) {
-                    count[cell] = 0;
-                    continue;
-                }
-                count[cell] = count[cell] + 1;
-                mean[cell] = cell_sum[cell] / cell_n[cell];
-                variance[cell] = 0;
-                continue;
-            }
-            if (count[cell] < 0.5) continue;
+            lib::RunningMoments& m = moments[cell];
+            if (k > 0 && m.count < 0.5) continue;
             if (cell_n[cell] < 0.5) {
-                count[cell] = 0;
+                m.count = 0;
                 continue;
             }
-            count[cell] = count[cell] + 1;
-            lib::running_update(count[cell], mean[cell], variance[cell], cell_sum[cell] / cell_n[cell], true);
+            m.add(cell_sum[cell] / cell_n[cell], lib::PreviousMean::rounded_to_float);
         }
-    }
+    });
 
     // Unlike the single-pixel search, a deviation of 0 qualifies here: the
     // cell's count, not its spread, decides whether it is a candidate.
@@ -232,10 +179,10 @@ int64_t find_ref_grid(CFG cfg)
     for (int64_t r = 0; r < down; ++r) {
         for (int64_t c = 0; c < across; ++c) {
             const int64_t cell = r * across + c;
-            if (!lib::isvalid_double(count[cell])) continue;
-            variance[cell] = std::sqrt(variance[cell]);  // now the deviation
-            if (!(least > variance[cell])) continue;
-            least = static_cast<float>(variance[cell]);
+            if (!lib::isvalid_double(moments[cell].count)) continue;
+            const double deviation = std::sqrt(moments[cell].variance);
+            if (!(least > deviation)) continue;
+            least = static_cast<float>(deviation);
             int64_t centre_row = r * side + half;
             int64_t centre_col = c * side + half;
             // A partial last row of cells is pulled back inside the grid. The
@@ -247,13 +194,9 @@ int64_t find_ref_grid(CFG cfg)
             chosen = centre_row * header.WIDTH + centre_col;
         }
     }
-    std::free(mean);
-    std::free(variance);
-    std::free(count);
+    std::free(moments);
     std::free(cell_sum);
     std::free(cell_n);
-    std::free(samples);
-
     if (chosen < 0) no_stable_point();
     write_report(cfg, chosen, header);
     return chosen;
@@ -307,14 +250,9 @@ float* sbas_step1(CFG* cfg)
         set_reference_pixel(cfg, index, header);
         return values;
     }
-    default: {
-        // No method, no reference: zeros leave the interferograms as they
-        // are. One entry per interferogram, never an empty block.
-        const int64_t n = std::max<int64_t>(static_cast<int64_t>(cfg->ifg_names.size()), 1);
-        float* values = lib::zeros_float(n, 1);
-        if (!values) lib::out_of_memory();
-        return values;
-    }
+    default:
+        // No method, no reference: zeros leave the interferograms as they are.
+        return lib::per_interferogram(cfg->ifg_names.size());
     }
 }
 

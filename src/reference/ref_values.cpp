@@ -31,15 +31,6 @@
 namespace com {
 namespace {
 
-// One zero per interferogram, and never an empty block, so that callers may
-// index and free it alike.
-float* value_block(size_t n)
-{
-    float* values = lib::zeros_float(std::max<int64_t>(static_cast<int64_t>(n), 1), 1);
-    if (!values) lib::out_of_memory();
-    return values;
-}
-
 // Byte offsets beyond this cannot be formed without overflow; no real file
 // reaches them, so such a sample is read as missing.
 constexpr int64_t kLastAddressable = std::numeric_limits<int64_t>::max() / 4;
@@ -87,7 +78,7 @@ float read_windowed_point(int64_t index, int window, FILE* raster, float* std_ou
 float* get_ref_point_value(const CFG& cfg, int64_t index)
 {
     const HEADER header = readheader(cfg.headerfile);
-    float* values = value_block(cfg.ifg_names.size());
+    float* values = lib::per_interferogram(cfg.ifg_names.size());
     for (size_t k = 0; k < cfg.ifg_names.size(); ++k) {
         const char* name = cfg.ifg_names[k].c_str();
         const Path path = join_path(cfg.datafolder, name);
@@ -105,36 +96,17 @@ float* get_ref_point_value_global_mean(const CFG& cfg)
 {
     const HEADER header = readheader(cfg.headerfile);
     const int64_t pixels = pixel_count(header);
-    float* values = value_block(cfg.ifg_names.size());
-    float* samples = nullptr;
-    if (pixels > 0) {
-        samples = lib::zeros_float(pixels, 1);
-        if (!samples) lib::out_of_memory();
-    }
-    for (size_t k = 0; k < cfg.ifg_names.size(); ++k) {
+    float* values = lib::per_interferogram(cfg.ifg_names.size());
+    for_each_raster(cfg.datafolder, cfg.ifg_names, pixels, [&](size_t k, const float* samples) {
         const char* name = cfg.ifg_names[k].c_str();
-        const Path path = join_path(cfg.datafolder, name);
-        read_raster(path.c_str(), 0, pixels, samples);
-
-        double count = 0;
-        double mean = 0;
-        double variance = 0;
-        for (int64_t p = 0; p < pixels; ++p) {
-            if (!lib::isvalid(samples[p])) continue;
-            count += 1;
-            if (count == 1) {
-                mean = samples[p];
-                variance = 0;
-            } else {
-                lib::running_update(count, mean, variance, samples[p], false);
-            }
-        }
-        if (count < 0.5 || std::isnan(static_cast<float>(variance)))
+        lib::RunningMoments moments;
+        for (int64_t p = 0; p < pixels; ++p)
+            if (lib::isvalid(samples[p])) moments.add(samples[p]);
+        if (moments.count < 0.5 || std::isnan(static_cast<float>(moments.variance)))
             lib::die_stdout("Cannot find a valid reference value for %s\n", name);
-        values[k] = static_cast<float>(mean);
-        std::fprintf(stderr, "%s refpoint value %8.3f %6.3f\n", name, values[k], std::sqrt(variance));
-    }
-    std::free(samples);
+        values[k] = static_cast<float>(moments.mean);
+        std::fprintf(stderr, "%s refpoint value %8.3f %6.3f\n", name, values[k], std::sqrt(moments.variance));
+    });
     return values;
 }
 

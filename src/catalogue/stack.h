@@ -1,4 +1,10 @@
-// Loading one batch of pixels of the interferogram stack.
+// Loading one batch of pixels of the interferogram stack: the stretch
+// [start, end) of every interferogram of the run, referenced and masked.
+//
+// Every stage that works on the stack in pixel batches (the loop-closure
+// check, stacking, the inversion) reads it through here. It lives with the
+// other raster readers of the catalogue, below all of those stages, so that
+// none of them depends on another stage to get its data.
 #pragma once
 
 #include <cstdint>

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "config/cfg.h"
-#include "inversion/stack.h"
+#include "catalogue/stack.h"
 #include "numerics/arrays.h"
 #include "support/tiny_job.h"
 

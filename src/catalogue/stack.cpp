@@ -15,7 +15,7 @@
 // After the reading, the same threads count and test pixels in contiguous
 // blocks of the batch; every pixel's result is independent of the split, so
 // the stack is the same for any number of threads.
-#include "inversion/stack.h"
+#include "catalogue/stack.h"
 
 #include <omp.h>
 
@@ -61,8 +61,7 @@ float** load(const CFG& cfg, int64_t start, int64_t end, const float* reference_
 {
     const int64_t n = static_cast<int64_t>(cfg.ifg_names.size());
     const int64_t width = end > start ? end - start : 0;
-    float** stack = lib::create_2d_array_float(n, width);
-    if (!lib::complete(stack, n, width)) lib::out_of_memory();
+    float** stack = lib::need_rows(n, width);
 
 #pragma omp parallel num_threads(lib::region_threads(cfg.max_parallel_threads))
     {

@@ -1,0 +1,61 @@
+// Ending a run from any thread. A worker inside an OpenMP region may hit a
+// fatal input error while its siblings still read files, so the sink takes a
+// lock it never releases (later failures wait for the process to end),
+// erases a progress line that may stand on a terminal, flushes every stdio
+// stream, and leaves with _Exit so that no static destructor runs under a
+// live thread.
+#include "numerics/sink.h"
+
+#include <cstdarg>
+#include <cstdlib>
+#include <mutex>
+
+#include "numerics/progress.h"
+
+namespace lib {
+namespace {
+
+std::recursive_mutex& sink_lock()
+{
+    static std::recursive_mutex lock;
+    return lock;
+}
+
+void enter_sink()
+{
+    sink_lock().lock();
+    progress_clear();
+}
+
+[[noreturn]] void end_run()
+{
+    std::fflush(nullptr);
+    std::_Exit(0);
+}
+
+[[noreturn]] void vdie(FILE* stream, const char* format, va_list args)
+{
+    enter_sink();
+    std::vfprintf(stream, format, args);
+    end_run();
+}
+
+}  // namespace
+
+void die(const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    vdie(stderr, format, args);
+}
+
+void die_stdout(const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    vdie(stdout, format, args);
+}
+
+void out_of_memory() { die("Could not allocate memory!\n"); }
+
+}  // namespace lib
