@@ -3,6 +3,12 @@
 // system offers.
 #include "catalogue/raster.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
 #include "config/fatal.h"
 
 namespace com {
@@ -33,13 +39,26 @@ void read_raster(const char* path, int64_t first, int64_t count, float* out)
     std::fclose(stream);
 }
 
+FILE* open_output(const char* path, const char* mode)
+{
+    const bool append = mode[0] == 'a';
+    const int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | (append ? O_APPEND : O_TRUNC);
+    int fd = open(path, flags, 0666);
+    // O_NOFOLLOW refuses a link as the last component; a new file replaces it.
+    if (fd < 0 && errno == ELOOP && !append && unlink(path) == 0) fd = open(path, flags, 0666);
+    FILE* stream = fd >= 0 ? fdopen(fd, mode) : nullptr;
+    if (stream) return stream;
+    if (fd >= 0) close(fd);
+    lib::stop_not_found(path);
+}
+
 const char* batch_mode(int64_t batch_first) { return batch_first == 0 ? "wb" : "ab"; }
 
 void write_batch(const char* folder, const char* name, int64_t batch_first, const float* samples,
                  int64_t count)
 {
     const Path path = join_path(folder, name);
-    FILE* stream = lib::fopen_zq(path.c_str(), batch_mode(batch_first));
+    FILE* stream = open_output(path.c_str(), batch_mode(batch_first));
     size_t written = 0;
     if (count > 0) written = std::fwrite(samples, sizeof(float), static_cast<size_t>(count), stream);
     // A full disk must not leave a silently shortened result behind.

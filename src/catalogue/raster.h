@@ -34,6 +34,14 @@ void read_samples(FILE* stream, const char* path, int64_t first, int64_t count, 
 // and closes it. A missing file ends the run.
 void read_raster(const char* path, int64_t first, int64_t count, float* out);
 
+// Opens an output file of the run with the stdio `mode` "w", "wb" (a new
+// file, replacing what stands at `path`) or "ab" (appending). Outputs never
+// write through a symbolic link: a link standing at the path is replaced by
+// a new file for "w"/"wb", and refused for "ab". A path that cannot be
+// opened ends the run with the message of lib::fopen_zq. Every output of
+// every stage is opened here.
+FILE* open_output(const char* path, const char* mode);
+
 // Streams whole rasters: for each name of `names` in order, reads
 // folder "/" name whole (`pixels` samples, with the size check of
 // read_samples) into one buffer and calls visit(k, samples) with the name's

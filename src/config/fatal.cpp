@@ -9,8 +9,10 @@ FILE* fopen_zq(const char* path, const char* mode)
 {
     FILE* f = std::fopen(path, mode);
     if (f) return f;
-    die_stdout("%s not found\nfile not exit\n", path);
+    stop_not_found(path);
 }
+
+void stop_not_found(const char* path) { die_stdout("%s not found\nfile not exit\n", path); }
 
 void exit_zq(const char* message) { die_stdout("%s\n", message); }
 

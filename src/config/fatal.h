@@ -12,6 +12,9 @@ namespace lib {
 // (no line feed) and then "\nfile not exit\n", both on standard output.
 FILE* fopen_zq(const char* path, const char* mode);
 
+// The stop of fopen_zq for `path`, for openers of their own.
+[[noreturn]] void stop_not_found(const char* path);
+
 // Writes `message` and a line feed to standard output; ends the run.
 [[noreturn]] void exit_zq(const char* message);
 

@@ -73,7 +73,7 @@ void write_report(const CFG& cfg, int64_t index, const HEADER& header)
 {
     const Place place = place_of(index, header);
     const Path path = join_path(cfg.resultfolder, "refpoint");
-    FILE* file = lib::fopen_zq(path.c_str(), "w");
+    FILE* file = open_output(path.c_str(), "w");
     std::fprintf(file, "refpoint position: %d\n", static_cast<int>(index));
     std::fprintf(file, "refpoint row: %d\n", static_cast<int>(place.row));
     std::fprintf(file, "refpoint col: %d\n", static_cast<int>(place.col));
