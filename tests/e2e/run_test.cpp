@@ -93,6 +93,12 @@ TEST(CommandLine, LicenceUsageAndLookalikes)
     EXPECT_TRUE(usage.exited);
     EXPECT_EQ(usage.status, 0);
     EXPECT_TRUE(contains(usage.err, "usage: sbas-ts"));
+    const Outcome help = run_program({"--help"});
+    EXPECT_EQ(help.status, 0);
+    EXPECT_TRUE(contains(help.out, "usage: sbas-ts") && contains(help.out, "README.md")) << help.out;
+    const Outcome version = run_program({"--version"});
+    EXPECT_EQ(version.status, 0);
+    EXPECT_EQ(version.out.rfind("sbas-ts ", 0), 0u);
 
     for (const std::string word : {"License", "license "}) {
         const Outcome o = run_program({word});
