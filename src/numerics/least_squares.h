@@ -27,25 +27,59 @@ void weighted_linear_function_nonewmatrix(const double* A, const double* W, int6
                                           const double* y, double* S, double* T, double* E,
                                           double* LU, int* pivots);
 
-// Reusable index storage of weighted_linear_function_diagonal (one per thread).
-// Column j's nonzero rows are column_rows[column_start[j] .. column_start[j+1]),
-// row l's nonzero columns row_columns[row_start[l] .. row_start[l+1]); the
-// vectors may hold unused entries past those ranges.
-struct DiagonalScratch {
-    std::vector<int64_t> column_start, column_rows;  // nonzero rows of each column of A
-    std::vector<int64_t> row_start, row_columns;     // nonzero columns of each row of A
+// The nonzero entries of an L x M design matrix, row by row: row l's
+// nonzero columns are columns[row_start[l] .. row_start[l + 1]), in
+// increasing order, with their values at the same places of `values`.
+// Reused from system to system (one per thread); once large enough it stops
+// allocating.
+struct SparseDesign {
+    std::vector<int64_t> row_start;  // L + 1 entries (one more held as work space)
+    std::vector<int64_t> columns;
+    std::vector<double> values;
+    std::vector<int64_t> entry_row, entry_column;  // work space of index_design
 };
 
-// weighted_linear_function_nonewmatrix for a diagonal W = diag(w), w of L
-// entries, taking advantage of the zeros of W and A. The storage and the
-// result (first M entries of T) are those of the dense routine, and every
-// value is bit-identical to what the dense routine gives for the same A and
-// diag(w). Returns false without a usable result when that identity cannot be
-// guaranteed (a non-finite entry in A, w or an intermediate, or L or M below
-// 1); the caller then uses the dense routine. Storage and scratch may have
-// been written even then.
-bool weighted_linear_function_diagonal(const double* A, const double* w, int64_t L, int64_t M,
-                                       const double* y, double* S, double* T, double* E, double* LU,
-                                       int* pivots, DiagonalScratch& scratch);
+// Indexes the nonzero entries of A (L x M) into `design`.
+void index_design(const double* A, int64_t L, int64_t M, SparseDesign& design);
+
+// The two halves of weighted least squares with diagonal weights W = diag(w)
+// (w of L entries) around the inversion of the normal matrix, for the design
+// matrix A that `design` indexes. Each gives the bits that
+// weighted_linear_function_nonewmatrix gives for the same A and diag(w),
+// taking advantage of the zeros of W and A.
+//
+// diagonal_normal_matrix: S (M x M) = A^T W A. Returns false, S unusable,
+// when the identity with the dense chain cannot be guaranteed: L or M below
+// 1, a non-finite entry in A or w, or an overflow in A^T W.
+bool diagonal_normal_matrix(const SparseDesign& design, const double* w, int64_t L, int64_t M, double* S);
+
+// diagonal_estimator: with S as matinv_acc left it, the estimator E (M x L,
+// column l at E + l * ldE, ldE >= M) = S A^T W. Returns false, E unusable,
+// when the identity cannot be guaranteed: a non-finite entry in S or in
+// S A^T.
+bool diagonal_estimator(const SparseDesign& design, const double* w, int64_t L, int64_t M, const double* S,
+                        double* E, int64_t ldE);
+
+// The same estimator formed by the dense chain itself, W being held as its
+// diagonal: every product with W runs over all L terms, zeros included, so
+// the result is that of weighted_linear_function_nonewmatrix also where
+// infinities or NaNs meet the zeros of W, at the dense cost in time but not
+// in memory. S and LU hold M*M doubles, T M*L, pivots M ints.
+void dense_diagonal_estimator(const double* A, const double* w, int64_t L, int64_t M, double* S, double* T,
+                              double* LU, int* pivots, double* E, int64_t ldE);
+
+// Work storage of weighted_estimator (one per thread).
+struct EstimatorScratch {
+    std::vector<double> S, LU, T;
+    std::vector<int> pivots;
+    SparseDesign design;
+};
+
+// The estimator E = (A^T W A)^-1 A^T W of one system with W = diag(w), bit
+// for bit as weighted_linear_function_nonewmatrix forms it (its E): the
+// two diagonal halves around matinv_acc, or the dense chain when they
+// decline. E as for diagonal_estimator.
+void weighted_estimator(const double* A, const double* w, int64_t L, int64_t M, double* E, int64_t ldE,
+                        EstimatorScratch& scratch);
 
 }  // namespace lib

@@ -1,6 +1,6 @@
-// Least-squares front ends: hand-worked fits, and the diagonal-weight routine
-// reproducing the dense one bit for bit on systems shaped like the time-series
-// inversion.
+// Least-squares front ends: hand-worked fits, and the diagonal-weight
+// estimator reproducing the dense chain's bit for bit on systems shaped like
+// the time-series inversion and where it must fall back on the dense chain.
 #include "numerics/least_squares.h"
 
 #include <gtest/gtest.h>
@@ -11,6 +11,8 @@
 #include <random>
 #include <tuple>
 #include <vector>
+
+#include "numerics/linalg.h"
 
 namespace {
 
@@ -70,7 +72,28 @@ TEST(LeastSquares, HandWorkedFits)
     }
 }
 
-TEST(DiagonalWeights, BitIdenticalToDenseOnInversionLikeSystems)
+// The dense chain's estimator E, with W = diag(w) stored whole.
+Matrix dense_estimator(const Matrix& A, const Matrix& w, int64_t L, int64_t M)
+{
+    Work k(L, M);
+    const Matrix y(L, 0.0);
+    lib::weighted_linear_function_nonewmatrix(A.data(), diagonal(w).data(), L, M, y.data(), k.S.data(),
+                                              k.T.data(), k.E.data(), k.LU.data(), k.pivots.data());
+    return k.E;
+}
+
+// E from lib::weighted_estimator, stored with a padded column stride.
+Matrix diagonal_estimator(const Matrix& A, const Matrix& w, int64_t L, int64_t M, lib::EstimatorScratch& scratch)
+{
+    const int64_t ldE = M + 3;
+    Matrix padded(ldE * L, NAN), E(M * L);
+    lib::weighted_estimator(A.data(), w.data(), L, M, padded.data(), ldE, scratch);
+    for (int64_t l = 0; l < L; ++l)
+        for (int64_t i = 0; i < M; ++i) E[l * M + i] = padded[l * ldE + i];
+    return E;
+}
+
+TEST(DiagonalWeights, TheEstimatorIsTheDenseOnesOnInversionLikeSystems)
 {
     // Random systems shaped like the per-pixel inversion: a row per
     // interferogram with ones over the increments j1 <= j < j2 it spans and
@@ -78,15 +101,15 @@ TEST(DiagonalWeights, BitIdenticalToDenseOnInversionLikeSystems)
     // it to the velocity times minus its time step. Sparse networks and zero
     // weights leave normal matrices singular; baselines of either zero sign
     // and zero weights give -0.0 products. The scratch goes from system to
-    // system, as in a thread, and once large enough stops allocating.
+    // system, as in a thread.
     std::mt19937_64 rng(20240611);
     std::uniform_real_distribution<double> u(0.0, 1.0);
-    lib::DiagonalScratch scratch;
+    lib::EstimatorScratch scratch;
     for (int trial = 0; trial < 400; ++trial) {
         const int steps = 2 + static_cast<int>(u(rng) * 10), velocity = u(rng) < 0.7, baseline = u(rng) < 0.5;
         const int pairs = 1 + static_cast<int>(u(rng) * 2 * steps);
         const int64_t M = steps + velocity + baseline, L = pairs + velocity * steps;
-        Matrix A(L * M, 0.0), w(L), y(L, 1.0);  // y only meets E in the dense product both end with
+        Matrix A(L * M, 0.0), w(L);
         for (int64_t l = 0; l < L; ++l) {
             if (l < pairs) {
                 const int j1 = static_cast<int>(u(rng) * steps);
@@ -101,41 +124,39 @@ TEST(DiagonalWeights, BitIdenticalToDenseOnInversionLikeSystems)
             // Zero one time in eight, else 0.1 on a constraint and 1 or 1/sqrt(0.1) on an interferogram.
             w[l] = u(rng) < 0.125 ? 0.0 : l >= pairs ? 0.1 : u(rng) < 0.5 ? 1.0 / std::sqrt(0.1) : 1.0;
         }
-
-        Work k(L, M), d(L, M);
-        lib::weighted_linear_function_nonewmatrix(A.data(), diagonal(w).data(), L, M, y.data(), k.S.data(),
-                                                  k.T.data(), k.E.data(), k.LU.data(), k.pivots.data());
-        const size_t capacity = scratch.column_rows.capacity();
-        ASSERT_TRUE(lib::weighted_linear_function_diagonal(A.data(), w.data(), L, M, y.data(), d.S.data(),
-                                                           d.T.data(), d.E.data(), d.LU.data(),
-                                                           d.pivots.data(), scratch));
-        ASSERT_TRUE(same_bits(d.T, k.T.data()) && same_bits(d.S, k.S.data()) && same_bits(d.E, k.E.data()))
-            << "trial " << trial;
-        EXPECT_GE(scratch.column_rows.capacity(), capacity);
+        const Matrix expected = dense_estimator(A, w, L, M);
+        ASSERT_TRUE(same_bits(expected, diagonal_estimator(A, w, L, M, scratch).data())) << "trial " << trial;
     }
 }
 
-TEST(DiagonalWeights, DeclinesWhenIdentityCannotBeGuaranteed)
+TEST(DiagonalWeights, WhereTheHalvesDeclineTheDenseChainStillGivesTheBits)
 {
-    // (what, L, M, A, w). Each is a place where the dense sums would meet
-    // infinity or NaN times one of the zeros the diagonal ones skip.
-    const std::tuple<const char*, int64_t, int64_t, Matrix, Matrix> cases[] = {
-        {"no rows", 0, 1, {}, {}},
-        {"NaN weight on a row of zeros", 3, 2, {1, 1, 0, 0, 1, 0}, {1, 1, NAN}},
-        {"infinity in A", 2, 1, {1, -INFINITY}, {1, 1}},
-        // Only the inverse of diag(1, inf) = diag(1, 0) comes next, finite.
-        {"weighted entry overflows", 2, 2, {1, 0, 0, 1e200}, {1, 1e200}},
-        {"inverse overflows", 2, 2, {1e-160, 0, 0, 1e-160}, {1, 1}},
+    // (what, L, M, A, w). Each is a place where the dense sums meet infinity
+    // or NaN times one of the zeros the diagonal halves skip; they decline
+    // and the estimator is formed term by term, W held as its diagonal.
+    const std::tuple<const char*, int64_t, int64_t, Matrix, Matrix, bool> cases[] = {
+        {"NaN weight on a row of zeros", 3, 2, {1, 1, 0, 0, 1, 0}, {1, 1, NAN}, true},
+        {"infinity in A", 2, 1, {1, -INFINITY}, {1, 1}, true},
+        {"infinite weight", 3, 2, {1, 1, 0, 0, 1, 1}, {1, 1, INFINITY}, true},
+        {"weighted entry overflows", 2, 2, {1, 0, 0, 1e200}, {1, 1e200}, true},
+        {"inverse overflows", 2, 2, {1e-160, 0, 0, 1e-160}, {1, 1}, false},
         // S = 1e200 is finite, S times the unweighted 1e200 row is not.
-        {"solution row overflows", 2, 1, {1e-100, 1e200}, {1, 0}},
+        {"solution row overflows", 2, 1, {1e-100, 1e200}, {1, 0}, false},
     };
-    lib::DiagonalScratch scratch;
-    for (const auto& [what, L, M, A, w] : cases) {
-        Work d(L, M);
-        EXPECT_FALSE(lib::weighted_linear_function_diagonal(A.data(), w.data(), L, M, Matrix(L, 1.0).data(),
-                                                            d.S.data(), d.T.data(), d.E.data(), d.LU.data(),
-                                                            d.pivots.data(), scratch))
-            << what;
+    lib::EstimatorScratch scratch;
+    for (const auto& [what, L, M, A, w, in_the_first_half] : cases) {
+        lib::SparseDesign design;
+        lib::index_design(A.data(), L, M, design);
+        Matrix S(M * M), E(M * L);
+        const bool first = lib::diagonal_normal_matrix(design, w.data(), L, M, S.data());
+        EXPECT_EQ(first, !in_the_first_half) << what;
+        if (first) {
+            Matrix LU(M * M);
+            std::vector<int> pivots(M);
+            lib::matinv_acc(S.data(), LU.data(), pivots.data(), M);
+            EXPECT_FALSE(lib::diagonal_estimator(design, w.data(), L, M, S.data(), E.data(), M)) << what;
+        }
+        EXPECT_TRUE(same_bits(dense_estimator(A, w, L, M), diagonal_estimator(A, w, L, M, scratch).data())) << what;
     }
 }
 

@@ -1,0 +1,41 @@
+// Many small dense problems at once, each with the arithmetic of its scalar
+// routine: the kernels that make the per-pixel inversion fast.
+//
+// Every result here is bit-identical to what linalg.h gives for the same
+// problem alone; only the order in which independent problems are worked
+// through changes. The vector width is chosen at run time for the machine.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+namespace lib {
+
+// Problems inverted side by side by matinv_lockstep.
+inline constexpr int kLockstepLanes = 8;
+
+// Work storage of matinv_lockstep (one per thread); it grows to the largest
+// n met and is then reused without allocating.
+struct LockstepScratch {
+    std::vector<double> storage;
+    std::vector<int> pivots;
+    std::vector<double> identity;
+};
+
+// Inverts the n x n column-major matrices a[0 .. count) in place, count at
+// most kLockstepLanes: each matrix ends exactly as matinv_acc would leave it
+// (its inverse, or its old contents when it is singular). The matrices must
+// not overlap.
+void matinv_lockstep(double* const* a, int count, int64_t n, LockstepScratch& scratch);
+
+// X = E Y for `count` right-hand sides side by side: E is M x n, column l at
+// E + l * ldE; entry l of right-hand side p is Y[l * ldY + p] and entry i of
+// its solution goes to X[i * ldX + p]. Element i of solution p is the sum
+// over l < n of E[i, l] * Y[l, p], from 0.0 in increasing l, as matmul forms
+// it. ldE must be at least M rounded up to a multiple of 8, and E's rows
+// past M must be readable (zeros, say): a right-hand side taken alone is
+// multiplied eight rows at a time.
+void products(const double* E, int64_t ldE, int64_t M, int64_t n, const double* Y, int64_t ldY, int64_t count,
+              double* X, int64_t ldX);
+
+}  // namespace lib
