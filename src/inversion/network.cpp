@@ -10,15 +10,24 @@
 //
 // A pixel valid in every interferogram shares the full network's estimator
 // E = (A^T W A)^-1 A^T W, formed once per batch, and costs one product E*y.
-// Any other pixel solves its own reduced system from its valid
-// interferograms. In the full network the constraint rows weigh
-// temporal_strength, in a reduced system 1/sqrt(temporal_strength): results
-// of earlier versions depend on that difference, so it stays.
+// Any other pixel is solved through its reduced system, built by
+// com::readoneunwseries3 from its valid interferograms. In the full network
+// the constraint rows weigh temporal_strength, in a reduced system
+// 1/sqrt(temporal_strength); the contract fixes that difference (the
+// ReducedSystem test pins it).
 //
-// The weights are diagonal and the design matrix sparse, so a reduced system
-// is solved by the diagonal path of the least-squares kit, which gives the
-// dense solver's values bit for bit; a pixel whose system holds a non-finite
-// number is solved densely instead.
+// A reduced system depends only on which interferograms are valid at the
+// pixel, its pattern, not on their values: every pixel of a pattern has the
+// same design matrix and weights and so the same estimator. Each thread
+// groups the incomplete pixels of its block by pattern (a hash table over
+// the validity bits), forms each pattern's estimator once with the
+// arithmetic a pixel alone would use, and gives every pixel of the pattern
+// x = E y and its fitted values. Patterns are formed eight at a time so that
+// their normal matrices are inverted side by side in vector lanes, and the
+// products E y run with rows of E in the lanes (numerics/lockstep.h). None
+// of this changes a single sum, so a pixel's outputs are the bits solving it
+// alone gives, whatever the batch, the thread count or the other pixels of
+// its pattern (tests/inversion/network_test.cpp compares the two).
 //
 // Cumulative displacement is rounded to float at each date, sigma is the
 // RMS of the interferogram residuals accumulated in float, and the mean
@@ -27,25 +36,65 @@
 
 #include <omp.h>
 
+#include <algorithm>
+#include <bit>
+#include <chrono>
+#include <cfloat>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <new>
 #include <string>
+#include <utility>
 
 #include "catalogue/filelist.h"
 #include "catalogue/raster.h"
-#include "config/fatal.h"
 #include "numerics/arrays.h"
+#include "numerics/clones.h"
 #include "numerics/least_squares.h"
 #include "numerics/linalg.h"
+#include "numerics/lockstep.h"
 #include "numerics/parallel.h"
 #include "numerics/validity.h"
 
 namespace {
 
 constexpr double kFourPi = 12.566370614359172;
+// Pixels whose observations are gathered and multiplied together.
+constexpr int64_t kChunk = 32;
+constexpr int kLanes = lib::kLockstepLanes;
+
+// A zero-filled block from lib::need, freed with its owner.
+template <typename T>
+class Owned {
+public:
+    Owned() = default;
+    explicit Owned(int64_t n) : data_(lib::need<T>(n)) {}
+    ~Owned() { std::free(data_); }
+    Owned(Owned&& other) noexcept : data_(std::exchange(other.data_, nullptr)) {}
+    Owned& operator=(Owned&& other) noexcept
+    {
+        std::swap(data_, other.data_);
+        return *this;
+    }
+    T* get() const { return data_; }
+    T& operator[](int64_t i) const { return data_[i]; }
+
+private:
+    T* data_ = nullptr;
+};
+
+// The terms of the temporal model's column in the constraint rows:
+// -(t[k+1] - t[k]) / 365.25 for the linear model, -(ln(t[k+1] - t0) -
+// ln(t[k] - t0)) for the logarithmic one (t in MJD).
+double model_term(const CFG& cfg, const std::vector<DATEORDER>& dates, int64_t k)
+{
+    const double a = dates[k].mjd;
+    const double b = dates[k + 1].mjd;
+    if (cfg.temporal_constraint == 1) return -(b - a) / 365.25;
+    const double t0 = cfg.simple_log_origin_mjd;
+    return -(std::log(b - t0) - std::log(a - t0));
+}
 
 // The shape of the systems of one batch.
 struct Network {
@@ -53,11 +102,12 @@ struct Network {
     int64_t D = 0;             // dates
     int64_t M = 0;             // unknowns per pixel
     int64_t L = 0;             // rows of the full network
-    bool constrained = false;  // temporal model rows present
+    int64_t constraints = 0;   // temporal model rows (D - 1 or 0)
     bool dem_error = false;    // DEM-error unknown present (last)
     int64_t model_column = 0;  // column of the temporal model's coefficient
     double K = 0;              // DEM-error coefficient
-    std::vector<double> model_terms;  // model column entry of constraint row k
+    int64_t ldE = 0;           // M rounded up to 8: the column stride of estimators
+    int64_t most_rows = 0;     // rows of the largest system of the batch
 };
 
 Network describe(const CFG& cfg, const std::vector<DATEORDER>& dates)
@@ -65,22 +115,15 @@ Network describe(const CFG& cfg, const std::vector<DATEORDER>& dates)
     Network net;
     net.N = static_cast<int64_t>(cfg.ifg_names.size());
     net.D = static_cast<int64_t>(dates.size());
-    net.constrained = cfg.temporal_constraint == 1 || cfg.temporal_constraint == 2;
+    const bool constrained = cfg.temporal_constraint == 1 || cfg.temporal_constraint == 2;
+    net.constraints = constrained && net.D > 1 ? net.D - 1 : 0;
     net.dem_error = cfg.if_est_hgt != 0;
-    net.M = net.D - 1 + (net.constrained ? 1 : 0) + (net.dem_error ? 1 : 0);
-    net.L = net.N + (net.constrained ? net.D - 1 : 0);
+    net.M = net.D - 1 + (constrained ? 1 : 0) + (net.dem_error ? 1 : 0);
+    net.L = net.N + net.constraints;
     net.model_column = net.dem_error ? net.M - 2 : net.M - 1;
     net.K = kFourPi / (static_cast<double>(cfg.wavelength) * static_cast<double>(cfg.orbit_altitude) *
                        std::sin(static_cast<double>(cfg.incidence) * M_PI / 180.0));
-    if (net.constrained) {
-        const double t0 = cfg.simple_log_origin_mjd;
-        for (int64_t k = 0; k + 1 < net.D; ++k) {
-            const double a = dates[k].mjd;
-            const double b = dates[k + 1].mjd;
-            net.model_terms.push_back(cfg.temporal_constraint == 1 ? -(b - a) / 365.25
-                                                                   : -(std::log(b - t0) - std::log(a - t0)));
-        }
-    }
+    net.ldE = (net.M + 7) / 8 * 8;
     return net;
 }
 
@@ -91,96 +134,429 @@ void set_span(double* A, int64_t ld, int64_t row, int64_t j1, int64_t j2, int64_
     for (int64_t j = std::max<int64_t>(j1, 0); j < j2 && j < increments; ++j) A[j * ld + row] = 1.0;
 }
 
-// Fills the reduced system of `pixel` into zeroed A (rows x M) and the
-// diagonal weights w (rows).
-void fill_pixel_system(const CFG& cfg, const Network& net, float* const* stack, const BASELINE* baselines,
-                       int64_t pixel, double* y, double* A, double* w, int64_t rows)
+// What the pixels of a pattern (or the complete pixels) share: the
+// estimator E (ldE x rows), the nonzero entries of the design matrix (and
+// the whole matrix, rows x M, where E is not all finite), and the
+// interferograms observed by rows 0 .. observed-1.
+struct System {
+    const double* E = nullptr;
+    const lib::SparseDesign* design = nullptr;
+    const double* A = nullptr;
+    const int64_t* ifgs = nullptr;
+    int64_t observed = 0;  // rows holding a sample
+    int64_t n = 0;         // interferogram rows (observed, then zero rows)
+    int64_t rows = 0;      // n + constraint rows
+};
+
+// The full network's estimator and design, shared read-only by the threads.
+struct FullNetwork {
+    Owned<double> E;
+    lib::SparseDesign design;
+    Owned<double> A;      // kept only where E is not all finite
+    Owned<int64_t> ifgs;  // 0 .. N-1
+};
+
+bool all_finite(const double* v, int64_t count)
 {
-    const int64_t constraint_rows = net.constrained ? net.D - 1 : 0;
-    const int64_t observations = rows - constraint_rows;
-    int64_t r = 0;
-    for (int64_t k = 0; k < net.N && r < observations; ++k) {
-        const float sample = stack[k][pixel];
-        if (!lib::isvalid(sample)) continue;
-        y[r] = sample;
-        set_span(A, rows, r, cfg.ifg_date1_index[k], cfg.ifg_date2_index[k], net.D - 1);
-        if (net.dem_error) A[(net.M - 1) * rows + r] = baselines[k].bperp * net.K;
-        w[r] = 1.0;
-        ++r;
-    }
-    const double constraint_weight = 1.0 / std::sqrt(static_cast<double>(cfg.temporal_strength));
-    for (int64_t k = 0; k < constraint_rows; ++k) {
-        const int64_t row = observations + k;
-        A[k * rows + row] = 1.0;
-        A[net.model_column * rows + row] = net.model_terms[k];
-        w[row] = constraint_weight;
-    }
+    for (int64_t i = 0; i < count; ++i)
+        if (!std::isfinite(v[i])) return false;
+    return true;
 }
 
-// The full network's design matrix A (L x M) and weights W (L x L), and its
-// estimator E = (A^T W A)^-1 A^T W (M x L). A singular normal matrix is used
-// as it is.
-struct FullNetwork {
-    std::vector<double> A, W, E;
-};
+// True when the M rows of the estimator E (ldE x rows) are all finite.
+bool estimator_finite(const Network& net, const double* E, int64_t rows)
+{
+    for (int64_t l = 0; l < rows; ++l)
+        if (!all_finite(E + l * net.ldE, net.M)) return false;
+    return true;
+}
 
 FullNetwork full_network(const CFG& cfg, const Network& net, const std::vector<DATEORDER>& dates,
                          const BASELINE* baselines)
 {
-    FullNetwork full;
     const int64_t L = net.L, M = net.M;
-    full.A.assign(L * M, 0.0);
-    full.W.assign(L * L, 0.0);
-    full.E.assign(M * L, 0.0);
+    Owned<double> A(L * M), w(L);
     for (int64_t i = 0; i < net.N; ++i) {
         const char* name = cfg.ifg_names[i].c_str();
         const int j1 = com::findorder(dates, com::phsfilename2date(name, 1));
         const int j2 = com::findorder(dates, com::phsfilename2date(name, 2));
-        set_span(full.A.data(), L, i, j1, j2, net.D - 1);
-        if (cfg.if_est_hgt == 1) full.A[(M - 1) * L + i] = baselines[i].bperp * net.K;
-        full.W[i * L + i] = 1.0;
+        set_span(A.get(), L, i, j1, j2, net.D - 1);
+        if (cfg.if_est_hgt == 1) A[(M - 1) * L + i] = baselines[i].bperp * net.K;
+        w[i] = 1.0;
     }
-    for (int64_t k = 0; net.constrained && k < net.D - 1; ++k) {
+    for (int64_t k = 0; k < net.constraints; ++k) {
         const int64_t r = net.N + k;
-        full.A[k * L + r] = 1.0;
-        full.W[r * L + r] = cfg.temporal_strength;
-        full.A[net.model_column * L + r] = net.model_terms[k];
+        A[k * L + r] = 1.0;
+        w[r] = cfg.temporal_strength;
+        A[net.model_column * L + r] = model_term(cfg, dates, k);
     }
-    std::vector<double> T(M * L), S(M * M);
-    lib::matmul("TN", M, L, L, 1.0, full.A.data(), full.W.data(), 0.0, T.data());
-    lib::matmul("NN", M, M, L, 1.0, T.data(), full.A.data(), 0.0, S.data());
-    lib::matinv(S.data(), M);
-    lib::matmul("NT", M, L, M, 1.0, S.data(), full.A.data(), 0.0, T.data());
-    lib::matmul("NN", M, L, L, 1.0, T.data(), full.W.data(), 0.0, full.E.data());
+    FullNetwork full;
+    full.E = Owned<double>(net.ldE * L);
+    lib::EstimatorScratch scratch;
+    lib::weighted_estimator(A.get(), w.get(), L, M, full.E.get(), net.ldE, scratch);
+    lib::index_design(A.get(), L, M, full.design);
+    if (!estimator_finite(net, full.E.get(), L)) full.A = std::move(A);
+    full.ifgs = Owned<int64_t>(net.N);
+    for (int64_t k = 0; k < net.N; ++k) full.ifgs[k] = k;
     return full;
 }
 
-// Work storage of one thread, chosen by thread number.
-struct Scratch {
-    std::vector<double> A, W, w, y, fitted, S, LU, T, E;
-    std::vector<int> pivots;
-    lib::DiagonalScratch diagonal;
+// The outputs of one batch, one value per pixel.
+struct Maps {
+    float** cumulative = nullptr;  // D - 1 rows
+    float* sigma = nullptr;
+    float* dem = nullptr;
 };
 
-std::vector<Scratch> make_scratch(int threads, const Network& net)
+// Where the time of a thread goes, for the benchmark.
+struct Clock {
+    using Steady = std::chrono::steady_clock;
+    bool on = false;
+    Steady::time_point last;
+    explicit Clock(bool enabled) : on(enabled)
+    {
+        if (on) last = Steady::now();
+    }
+    // Adds the time since the last lap to `stage`.
+    void lap(double& stage)
+    {
+        if (!on) return;
+        const auto now = Steady::now();
+        stage += std::chrono::duration<double>(now - last).count();
+        last = now;
+    }
+};
+
+// Work storage of one thread, chosen by thread number.
+struct Scratch {
+    Owned<double> A, y, E, Y, X, S, w, compact, fitted;
+    Owned<int64_t> ifgs;  // interferograms of each pattern of a lockstep group
+    lib::SparseDesign designs[kLanes];
+    lib::LockstepScratch lockstep;
+    lib::EstimatorScratch estimator;
+    sbas::InversionProfile profile;
+
+    explicit Scratch(const Network& net)
+        : A(net.most_rows * net.M), y(net.most_rows), E(net.ldE * net.most_rows), Y(kChunk * net.most_rows),
+          X(kChunk * net.M), S(kLanes * net.M * net.M), w(kLanes * net.most_rows), compact(net.M * net.most_rows),
+          fitted(net.most_rows), ifgs(kLanes * net.N)
+    {
+    }
+};
+
+// Fitted value of row k of the design at solution c of a chunk (entry j at
+// x[j * kChunk + c]), summed over every entry of the row, zeros included:
+// the way when the solution holds an infinity or NaN, which a zero times it
+// turns into NaN.
+double dense_fitted(const lib::SparseDesign& design, int64_t k, int64_t M, const double* x, int64_t c)
 {
-    try {
-        std::vector<Scratch> all(static_cast<size_t>(threads));
-        for (Scratch& s : all) {
-            s.A.resize(net.L * net.M);
-            s.W.resize(net.L * net.L);
-            s.w.resize(net.L);
-            s.y.resize(net.L);
-            s.fitted.resize(net.L);
-            s.S.resize(net.M * net.M);
-            s.LU.resize(net.M * net.M);
-            s.T.resize(net.M * net.L);
-            s.E.resize(net.M * net.L);
-            s.pivots.resize(net.M);
+    const int64_t end = design.row_start[k + 1];
+    int64_t p = design.row_start[k];
+    double sum = 0.0;
+    for (int64_t j = 0; j < M; ++j) {
+        const bool nonzero = p < end && design.columns[p] == j;
+        sum += (nonzero ? design.values[p++] : 0.0) * x[j * kChunk + c];
+    }
+    return sum;
+}
+
+// The outputs of a chunk of pixels from their solutions X and observations
+// Y (entry j of pixel c at X[j * kChunk + c], Y[k * kChunk + c]). A fitted
+// value sums A[k, j] x[j] over j from 0.0 in increasing j; with x finite the
+// zero entries of A add nothing and only the nonzero ones are taken.
+SBAS_VECTOR_CLONES
+void finish_chunk(const Network& net, const System& sys, const double* X, const double* Y, const int64_t* pixels,
+                  int64_t chunk, Maps& maps)
+{
+    const lib::SparseDesign& design = *sys.design;
+    const int64_t M = net.M;
+    bool finite[kChunk];
+    for (int64_t c = 0; c < chunk; ++c) finite[c] = true;
+    for (int64_t j = 0; j < M; ++j)
+        for (int64_t c = 0; c < chunk; ++c) finite[c] &= std::fabs(X[j * kChunk + c]) <= DBL_MAX;
+    float sum[kChunk] = {};
+    for (int64_t k = 0; k < sys.n; ++k) {
+        double fitted[kChunk] = {};
+        for (int64_t p = design.row_start[k]; p < design.row_start[k + 1]; ++p) {
+            const double a = design.values[p];
+            const double* x = X + design.columns[p] * kChunk;
+            for (int64_t c = 0; c < chunk; ++c) fitted[c] += a * x[c];
         }
-        return all;
-    } catch (const std::bad_alloc&) {
-        lib::out_of_memory();
+        const double* y = Y + k * kChunk;
+        for (int64_t c = 0; c < chunk; ++c) {
+            const double residual = y[c] - fitted[c];
+            sum[c] += residual * residual;
+        }
+    }
+    for (int64_t c = 0; c < chunk; ++c) {
+        if (finite[c]) continue;
+        sum[c] = 0.0f;
+        for (int64_t k = 0; k < sys.n; ++k) {
+            const double residual = Y[k * kChunk + c] - dense_fitted(design, k, M, X, c);
+            sum[c] += residual * residual;
+        }
+    }
+    const float n = static_cast<float>(sys.n);
+    for (int64_t c = 0; c < chunk; ++c) maps.sigma[pixels[c]] = std::sqrt(sum[c] / n);
+    float cumulative[kChunk];
+    for (int64_t c = 0; c < chunk; ++c) cumulative[c] = static_cast<float>(X[c]);
+    for (int64_t j = 0;;) {
+        float* out = maps.cumulative[j];
+        for (int64_t c = 0; c < chunk; ++c) out[pixels[c]] = cumulative[c];
+        if (++j >= net.D - 1) break;
+        for (int64_t c = 0; c < chunk; ++c) cumulative[c] = cumulative[c] + X[j * kChunk + c];
+    }
+    if (net.dem_error)
+        for (int64_t c = 0; c < chunk; ++c) maps.dem[pixels[c]] = static_cast<float>(X[(M - 1) * kChunk + c]);
+}
+
+// Solves the pixels of a system whose estimator holds an infinity or a NaN
+// one at a time, as the dense routines solve a pixel: x = E y and the fitted
+// values A x by lib::matmul itself. A sum that meets two different NaNs
+// keeps one of them by an operand order the compiler chooses; this way it is
+// matmul's choice, as for a pixel solved alone.
+void solve_one_by_one(const Network& net, const System& sys, float* const* stack, const int64_t* pixels,
+                      int64_t count, Scratch& s, Maps& maps)
+{
+    const int64_t M = net.M;
+    double* compact = s.compact.get();
+    for (int64_t l = 0; l < sys.rows; ++l)
+        for (int64_t i = 0; i < M; ++i) compact[l * M + i] = sys.E[l * net.ldE + i];
+    double* y = s.y.get();
+    double* x = s.X.get();
+    double* fitted = s.fitted.get();
+    for (int64_t c = 0; c < count; ++c) {
+        const int64_t p = pixels[c];
+        for (int64_t r = 0; r < sys.observed; ++r) y[r] = stack[sys.ifgs[r]][p];
+        for (int64_t r = sys.observed; r < sys.rows; ++r) y[r] = 0.0;
+        lib::matmul("NN", M, 1, sys.rows, 1.0, compact, y, 0.0, x);
+        lib::matmul("NN", sys.rows, 1, M, 1.0, sys.A, x, 0.0, fitted);
+        float sum = 0.0f;
+        for (int64_t k = 0; k < sys.n; ++k) {
+            const double residual = y[k] - fitted[k];
+            sum += residual * residual;
+        }
+        maps.sigma[p] = std::sqrt(sum / static_cast<float>(sys.n));
+        maps.cumulative[0][p] = static_cast<float>(x[0]);
+        for (int64_t j = 1; j < net.D - 1; ++j) maps.cumulative[j][p] = maps.cumulative[j - 1][p] + x[j];
+        if (net.dem_error) maps.dem[p] = static_cast<float>(x[M - 1]);
+    }
+}
+
+// Solves the pixels of one system: x = E y for each (y: the samples of the
+// system's interferograms, 0 on the other rows), then its outputs. With E
+// finite the rows past n, which observe 0, add nothing to x and are left
+// out.
+void solve_pixels(const Network& net, const System& sys, float* const* stack, const int64_t* pixels,
+                  int64_t count, Scratch& s, Maps& maps)
+{
+    if (!estimator_finite(net, sys.E, sys.rows)) {
+        solve_one_by_one(net, sys, stack, pixels, count, s, maps);
+        return;
+    }
+    double* Y = s.Y.get();
+    for (int64_t first = 0; first < count; first += kChunk) {
+        const int64_t chunk = std::min(kChunk, count - first);
+        const int64_t* members = pixels + first;
+        for (int64_t r = 0; r < sys.observed; ++r) {
+            const float* row = stack[sys.ifgs[r]];
+            for (int64_t c = 0; c < chunk; ++c) Y[r * kChunk + c] = row[members[c]];
+        }
+        for (int64_t r = sys.observed; r < sys.n; ++r)
+            for (int64_t c = 0; c < chunk; ++c) Y[r * kChunk + c] = 0.0;
+        lib::products(sys.E, net.ldE, net.M, sys.n, Y, kChunk, chunk, s.X.get(), kChunk);
+        finish_chunk(net, sys, s.X.get(), Y, members, chunk, maps);
+    }
+}
+
+// The incomplete pixels of one thread's block, grouped by pattern, and its
+// complete pixels.
+struct Grouping {
+    int64_t complete_count = 0;
+    Owned<int64_t> complete;   // pixels valid in every interferogram
+    int64_t pattern_count = 0;
+    Owned<int64_t> members;    // pixels of pattern q at [start[q], start[q + 1])
+    Owned<int64_t> start;
+    Owned<int64_t> n;          // interferogram rows of pattern q
+    int64_t words = 0;         // 64-bit words of a pattern's bits
+    Owned<uint64_t> bits;      // bits of pattern q at [q * words, (q + 1) * words)
+};
+
+uint64_t mix(uint64_t h, uint64_t v)
+{
+    h ^= v + 0x9e3779b97f4a7c15ULL + (h << 6) + (h >> 2);
+    return h * 0xff51afd7ed558ccdULL;
+}
+
+// Groups the pixels of `block`. A pattern is the set of rows of the reduced
+// system: the interferograms valid at the pixel, the first n of them when
+// there are more (n = count[p]), together with n.
+Grouping group_pixels(const CFG& cfg, const Network& net, float* const* stack, const int* count, lib::Block block)
+{
+    Grouping g;
+    const int64_t size = block.end - block.first;
+    g.complete = Owned<int64_t>(size);
+    Owned<int64_t> incomplete(size);
+    int64_t incomplete_count = 0;
+    for (int64_t p = block.first; p < block.end; ++p) {
+        const int64_t n = count[p];
+        if (net.M > n + net.constraints) continue;
+        if (n == cfg.n_ifg) g.complete[g.complete_count++] = p;
+        else incomplete[incomplete_count++] = p;
+    }
+    if (incomplete_count == 0) return g;
+
+    // Validity bits of every pixel of the block, word-major so that each
+    // interferogram's row is scanned in order.
+    const int64_t words = std::max<int64_t>((net.N + 63) / 64, 1);
+    g.words = words;
+    Owned<uint64_t> valid(words * size);
+    for (int64_t k = 0; k < net.N; ++k) {
+        uint64_t* word = valid.get() + (k / 64) * size;
+        const uint64_t bit = uint64_t{1} << (k % 64);
+        const float* row = stack[k] + block.first;
+        for (int64_t i = 0; i < size; ++i) word[i] |= lib::isvalid(row[i]) ? bit : 0;
+    }
+    auto key = [&](int64_t i, uint64_t* out) {
+        const int64_t p = incomplete[i];
+        int64_t left = count[p];
+        for (int64_t w = 0; w < words; ++w) {
+            uint64_t v = left > 0 ? valid[w * size + p - block.first] : 0;
+            // Past the first count[p] valid interferograms no row is built.
+            while (std::popcount(v) > left) v &= ~(uint64_t{1} << (63 - std::countl_zero(v)));
+            left -= std::popcount(v);
+            out[w] = v;
+        }
+    };
+
+    // Open addressing over the patterns, in the order of their first pixel.
+    int64_t capacity = 16;
+    while (capacity < 2 * incomplete_count) capacity *= 2;
+    Owned<int64_t> table(capacity);
+    for (int64_t i = 0; i < capacity; ++i) table[i] = -1;
+    g.bits = Owned<uint64_t>(incomplete_count * words);
+    g.n = Owned<int64_t>(incomplete_count);
+    Owned<int64_t> pattern_of(incomplete_count), sizes(incomplete_count + 1);
+    for (int64_t i = 0; i < incomplete_count; ++i) {
+        uint64_t* candidate = g.bits.get() + g.pattern_count * words;
+        key(i, candidate);
+        const int64_t n = count[incomplete[i]];
+        uint64_t h = mix(0, static_cast<uint64_t>(n));
+        for (int64_t w = 0; w < words; ++w) h = mix(h, candidate[w]);
+        int64_t slot = static_cast<int64_t>(h >> 7) & (capacity - 1);
+        for (;; slot = (slot + 1) & (capacity - 1)) {
+            const int64_t q = table[slot];
+            if (q < 0) {
+                table[slot] = g.pattern_count;
+                g.n[g.pattern_count] = n;
+                pattern_of[i] = g.pattern_count++;
+                break;
+            }
+            if (g.n[q] == n && std::equal(candidate, candidate + words, g.bits.get() + q * words)) {
+                pattern_of[i] = q;
+                break;
+            }
+        }
+        ++sizes[pattern_of[i] + 1];
+    }
+    // Members by counting: pixels stay in increasing order within a pattern.
+    g.start = Owned<int64_t>(g.pattern_count + 1);
+    for (int64_t q = 0; q < g.pattern_count; ++q) g.start[q + 1] = g.start[q] + sizes[q + 1];
+    g.members = Owned<int64_t>(incomplete_count);
+    Owned<int64_t> fill(g.pattern_count);
+    for (int64_t i = 0; i < incomplete_count; ++i) {
+        const int64_t q = pattern_of[i];
+        g.members[g.start[q] + fill[q]++] = incomplete[i];
+    }
+    return g;
+}
+
+// Forms the estimators of patterns [first, first + count) (count at most
+// kLanes), inverting their normal matrices side by side, and solves their
+// pixels.
+void solve_patterns(const CFG& cfg, const Network& net, const std::vector<DATEORDER>& dates,
+                    const BASELINE* baselines, float* const* stack, const int* count, const Grouping& g,
+                    int64_t first, int count_patterns, Scratch& s, Maps& maps, Clock& clock)
+{
+    const int64_t M = net.M;
+    bool halves[kLanes] = {};
+    double* normal[kLanes];
+    int inverted = 0;
+    auto rows_of = [&](int64_t q) { return g.n[q] + net.constraints; };
+    // Builds pattern q's system from its first pixel into s.A, s.y and w.
+    auto build = [&](int64_t q, double* w) {
+        const int64_t rows = rows_of(q);
+        std::fill(s.A.get(), s.A.get() + rows * M, 0.0);
+        std::fill(s.y.get(), s.y.get() + rows, 0.0);
+        std::fill(w, w + rows, 0.0);
+        com::readoneunwseries3(cfg, stack, count, M, dates, baselines,
+                               g.members[g.start[q]], net.K, s.y.get(), s.A.get(), w, rows);
+    };
+    for (int lane = 0; lane < count_patterns; ++lane) {
+        const int64_t q = first + lane;
+        double* w = s.w.get() + lane * net.most_rows;
+        build(q, w);
+        lib::index_design(s.A.get(), rows_of(q), M, s.designs[lane]);
+        double* S = s.S.get() + lane * M * M;
+        halves[lane] = lib::diagonal_normal_matrix(s.designs[lane], w, rows_of(q), M, S);
+        if (halves[lane]) normal[inverted++] = S;
+    }
+    lib::matinv_lockstep(normal, inverted, M, s.lockstep);
+    for (int lane = 0; lane < count_patterns; ++lane) {
+        const int64_t q = first + lane;
+        const int64_t rows = rows_of(q);
+        double* w = s.w.get() + lane * net.most_rows;
+        const double* S = s.S.get() + lane * M * M;
+        if (!halves[lane] || !lib::diagonal_estimator(s.designs[lane], w, rows, M, S, s.E.get(), net.ldE)) {
+            build(q, w);
+            auto& e = s.estimator;
+            e.S.resize(static_cast<size_t>(M * M));
+            e.LU.resize(static_cast<size_t>(M * M));
+            e.T.resize(static_cast<size_t>(M * rows));
+            e.pivots.resize(static_cast<size_t>(M));
+            lib::dense_diagonal_estimator(s.A.get(), w, rows, M, e.S.data(), e.T.data(), e.LU.data(),
+                                          e.pivots.data(), s.E.get(), net.ldE);
+        }
+        clock.lap(s.profile.factorising);
+        // The pattern's rows: its valid interferograms in list order.
+        int64_t* ifgs = s.ifgs.get() + lane * net.N;
+        int64_t observed = 0;
+        const uint64_t* bits = g.bits.get() + q * g.words;
+        for (int64_t k = 0; k < net.N; ++k)
+            if (bits[k / 64] >> (k % 64) & 1) ifgs[observed++] = k;
+        const bool finite = estimator_finite(net, s.E.get(), rows);
+        if (!finite) build(q, w);
+        const System sys{s.E.get(), &s.designs[lane], s.A.get(), ifgs, observed, g.n[q], rows};
+        solve_pixels(net, sys, stack, g.members.get() + g.start[q], g.start[q + 1] - g.start[q], s, maps);
+        clock.lap(s.profile.products);
+    }
+}
+
+// Inverts the pixels of `block` into the maps.
+void invert_block(const CFG& cfg, const Network& net, const std::vector<DATEORDER>& dates,
+                  const BASELINE* baselines, const FullNetwork& full, float* const* stack, const int* count,
+                  lib::Block block, Scratch& s, Maps& maps, bool timed)
+{
+    Clock clock(timed);
+    const Grouping g = group_pixels(cfg, net, stack, count, block);
+    sbas::InversionProfile& profile = s.profile;
+    profile.complete += g.complete_count;
+    profile.patterns += g.pattern_count;
+    for (int64_t q = 0; q < g.pattern_count; ++q) {
+        const int64_t members = g.start[q + 1] - g.start[q];
+        profile.incomplete += members;
+        profile.single += members == 1;
+    }
+    clock.lap(profile.grouping);
+
+    if (g.complete_count > 0) {
+        const System sys{full.E.get(), &full.design, full.A.get(), full.ifgs.get(), net.N, net.N, net.L};
+        solve_pixels(net, sys, stack, g.complete.get(), g.complete_count, s, maps);
+    }
+    clock.lap(profile.products);
+    for (int64_t q = 0; q < g.pattern_count; q += kLanes) {
+        const int lanes = static_cast<int>(std::min<int64_t>(kLanes, g.pattern_count - q));
+        solve_patterns(cfg, net, dates, baselines, stack, count, g, q, lanes, s, maps, clock);
     }
 }
 
@@ -209,62 +585,6 @@ void report(const CFG& cfg, const Network& net, int64_t P)
     std::fputs("Please wait ...            \n", stderr);
 }
 
-// The outputs of one batch, one value per pixel.
-struct Maps {
-    float** cumulative = nullptr;  // D - 1 rows
-    float* sigma = nullptr;
-    float* dem = nullptr;
-};
-
-// Solves pixel p into the maps; returns without writing when the pixel has
-// fewer observations than unknowns.
-void invert_pixel(const CFG& cfg, const Network& net, const FullNetwork& full, float* const* stack,
-                  const int* count, const BASELINE* baselines, int64_t p, Scratch& s, Maps& maps)
-{
-    const int64_t n = count[p];
-    const int64_t rows = n + (net.constrained ? net.D - 1 : 0);
-    if (net.M > rows) return;
-    const int64_t M = net.M;
-    double* y = s.y.data();
-    const double* x;
-    const double* A;
-    int64_t fitted_rows;
-    if (n == cfg.n_ifg) {
-        for (int64_t k = 0; k < net.N; ++k) y[k] = stack[k][p];
-        for (int64_t k = net.N; k < net.L; ++k) y[k] = 0.0;
-        lib::matmul("NN", M, 1, net.L, 1.0, full.E.data(), y, 0.0, s.T.data());
-        x = s.T.data();
-        A = full.A.data();
-        fitted_rows = net.L;
-    } else {
-        std::fill(s.A.begin(), s.A.begin() + rows * M, 0.0);
-        std::fill(y + n, y + rows, 0.0);
-        std::fill(s.w.begin(), s.w.begin() + rows, 0.0);
-        fill_pixel_system(cfg, net, stack, baselines, p, y, s.A.data(), s.w.data(), rows);
-        if (!lib::weighted_linear_function_diagonal(s.A.data(), s.w.data(), rows, M, y, s.S.data(), s.T.data(),
-                                                    s.E.data(), s.LU.data(), s.pivots.data(), s.diagonal)) {
-            std::fill(s.W.begin(), s.W.begin() + rows * rows, 0.0);
-            for (int64_t r = 0; r < rows; ++r) s.W[r * rows + r] = s.w[r];
-            lib::weighted_linear_function_nonewmatrix(s.A.data(), s.W.data(), rows, M, y, s.S.data(), s.T.data(),
-                                                      s.E.data(), s.LU.data(), s.pivots.data());
-        }
-        x = s.T.data();
-        A = s.A.data();
-        fitted_rows = rows;
-    }
-    lib::matmul("NN", fitted_rows, 1, M, 1.0, A, x, 0.0, s.fitted.data());
-
-    float sum = 0.0f;
-    for (int64_t k = 0; k < n; ++k) {
-        const double residual = y[k] - s.fitted[k];
-        sum += residual * residual;
-    }
-    maps.sigma[p] = std::sqrt(sum / static_cast<float>(n));
-    maps.cumulative[0][p] = static_cast<float>(x[0]);
-    for (int64_t j = 1; j < net.D - 1; ++j) maps.cumulative[j][p] = maps.cumulative[j - 1][p] + x[j];
-    if (net.dem_error) maps.dem[p] = static_cast<float>(x[M - 1]);
-}
-
 void write_maps(const CFG& cfg, const Network& net, const std::vector<DATEORDER>& dates, const Maps& maps,
                 int64_t start, int64_t P)
 {
@@ -275,12 +595,13 @@ void write_maps(const CFG& cfg, const Network& net, const std::vector<DATEORDER>
     }
     com::write_batch(cfg.resultfolder, "least_square_sigma", start, maps.sigma, P);
 
-    std::vector<float> velocity(static_cast<size_t>(P > 0 ? P : 0), 0.0f);
+    float* velocity = lib::need<float>(P);
     if (net.D >= 2) {
         const double years = (dates[net.D - 1].mjd - dates[0].mjd) / 365.25;
         for (int64_t p = 0; p < P; ++p) velocity[p] = static_cast<float>(maps.cumulative[net.D - 2][p] / years);
     }
-    com::write_batch(cfg.resultfolder, "linear_mean_velocity", start, velocity.data(), P);
+    com::write_batch(cfg.resultfolder, "linear_mean_velocity", start, velocity, P);
+    std::free(velocity);
     if (cfg.if_est_hgt == 1) com::write_batch(cfg.resultfolder, "baseline_dependent_dem_error", start, maps.dem, P);
 }
 
@@ -288,28 +609,49 @@ void write_maps(const CFG& cfg, const Network& net, const std::vector<DATEORDER>
 
 namespace com {
 
-void readoneunwseries3(const CFG& cfg, float** stack, const int* /*count*/, int64_t M,
+void readoneunwseries3(const CFG& cfg, float* const* stack, const int* /*count*/, int64_t M,
                        const std::vector<DATEORDER>& dateorder, const BASELINE* baselines, int64_t pixel,
-                       double K, double* y, double* A, double* W, int64_t rows)
+                       double K, double* y, double* A, double* w, int64_t rows)
 {
-    Network net = describe(cfg, dateorder);
-    net.M = M;
-    net.model_column = net.dem_error ? M - 2 : M - 1;
-    net.K = K;
-    std::vector<double> w(static_cast<size_t>(rows > 0 ? rows : 0), 0.0);
-    fill_pixel_system(cfg, net, stack, baselines, pixel, y, A, w.data(), rows);
-    for (int64_t r = 0; r < rows; ++r) W[r * rows + r] = w[r];
+    const int64_t N = static_cast<int64_t>(cfg.ifg_names.size());
+    const int64_t D = static_cast<int64_t>(dateorder.size());
+    const bool constrained = cfg.temporal_constraint == 1 || cfg.temporal_constraint == 2;
+    const int64_t constraint_rows = constrained && D > 1 ? D - 1 : 0;
+    const int64_t observations = rows - constraint_rows;
+    const bool dem_error = cfg.if_est_hgt != 0;
+    int64_t r = 0;
+    for (int64_t k = 0; k < N && r < observations; ++k) {
+        const float sample = stack[k][pixel];
+        if (!lib::isvalid(sample)) continue;
+        y[r] = sample;
+        set_span(A, rows, r, cfg.ifg_date1_index[k], cfg.ifg_date2_index[k], D - 1);
+        if (dem_error) A[(M - 1) * rows + r] = baselines[k].bperp * K;
+        w[r] = 1.0;
+        ++r;
+    }
+    const double constraint_weight = 1.0 / std::sqrt(static_cast<double>(cfg.temporal_strength));
+    const int64_t model_column = dem_error ? M - 2 : M - 1;
+    for (int64_t k = 0; k < constraint_rows; ++k) {
+        const int64_t row = observations + k;
+        A[k * rows + row] = 1.0;
+        A[model_column * rows + row] = model_term(cfg, dateorder, k);
+        w[row] = constraint_weight;
+    }
 }
 
 }  // namespace com
 
 namespace sbas {
 
-void sbas_step2_sbas_linear_new(CFG cfg, std::vector<DATEORDER> dateorder, const BASELINE* baselines,
-                                float** stack, const int* count, int64_t start, int64_t end)
+void invert_batch(const CFG& cfg, const std::vector<DATEORDER>& dateorder, const BASELINE* baselines,
+                  float* const* stack, const int* count, int64_t start, int64_t end, InversionProfile* profile)
 {
-    const Network net = describe(cfg, dateorder);
+    Network net = describe(cfg, dateorder);
     const int64_t P = end > start ? end - start : 0;
+    // A count above the number of interferograms (not one the loader gives)
+    // still has its rows.
+    net.most_rows = net.L;
+    for (int64_t p = 0; p < P; ++p) net.most_rows = std::max<int64_t>(net.most_rows, count[p] + net.constraints);
 
     Maps maps;
     const int64_t increments = net.D > 1 ? net.D - 1 : 0;
@@ -323,23 +665,42 @@ void sbas_step2_sbas_linear_new(CFG cfg, std::vector<DATEORDER> dateorder, const
 
     // With fewer than two dates there is no increment to estimate: every
     // pixel stays 0 (no data).
-    if (net.D >= 2) {
+    if (net.D >= 2 && P > 0) {
         const FullNetwork full = full_network(cfg, net, dateorder, baselines);
         const int threads = lib::region_threads(cfg.max_parallel_threads);
-        std::vector<Scratch> scratch = make_scratch(threads, net);
+        std::vector<InversionProfile> profiles(static_cast<size_t>(threads));
 #pragma omp parallel num_threads(threads)
         {
-            const lib::Block pixels = lib::block_of(P, omp_get_num_threads(), omp_get_thread_num());
-            Scratch& own = scratch[static_cast<size_t>(omp_get_thread_num())];
-            for (int64_t p = pixels.first; p < pixels.end; ++p)
-                invert_pixel(cfg, net, full, stack, count, baselines, p, own, maps);
+            const int thread = omp_get_thread_num();
+            const lib::Block pixels = lib::block_of(P, omp_get_num_threads(), thread);
+            Scratch own(net);
+            invert_block(cfg, net, dateorder, baselines, full, stack, count, pixels, own, maps, profile != nullptr);
+            profiles[static_cast<size_t>(thread)] = own.profile;
         }
+        if (profile)
+            for (const InversionProfile& p : profiles) {
+                profile->complete += p.complete;
+                profile->incomplete += p.incomplete;
+                profile->patterns += p.patterns;
+                profile->single += p.single;
+                profile->grouping += p.grouping;
+                profile->factorising += p.factorising;
+                profile->products += p.products;
+            }
     }
 
+    const auto written = std::chrono::steady_clock::now();
     write_maps(cfg, net, dateorder, maps, start, P);
+    if (profile) profile->writing += std::chrono::duration<double>(std::chrono::steady_clock::now() - written).count();
     lib::free2d_float(maps.cumulative, static_cast<int>(increments));
     std::free(maps.sigma);
     std::free(maps.dem);
+}
+
+void sbas_step2_sbas_linear_new(CFG cfg, std::vector<DATEORDER> dateorder, const BASELINE* baselines,
+                                float** stack, const int* count, int64_t start, int64_t end)
+{
+    invert_batch(cfg, dateorder, baselines, stack, count, start, end, nullptr);
 }
 
 }  // namespace sbas
