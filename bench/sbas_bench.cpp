@@ -1,14 +1,21 @@
 // Benchmark of the inversion on a medium synthetic stack.
 //
 // Generates a job once (about 1000 x 1000 pixels, 60 dates, 230
-// interferograms with some no-data), then measures:
+// interferograms with patches of no-data) and a variant of it whose no-data
+// is scattered pixel by pixel (every sample dropped with a small
+// probability, as when low-coherence pixels are masked in each
+// interferogram), so that almost every pixel has a validity pattern of its
+// own. For each stack and each thread count (1 and 2 unless --threads says
+// otherwise) it measures:
 //   - the I/O floor: reading every interferogram file once, whole;
 //   - the stack loader over the whole grid, batch by batch;
-//   - the inversion of every batch (loader excluded);
-// for 1 and 2 threads, and prints pixels per second and the ratio of the
-// inversion time to the I/O floor. Finally it runs the sbas-ts program on
-// the job with two batch sizes and reports the peak resident memory of each
-// run, which is what maxcap bounds.
+//   - the inversion of every batch (loader excluded), with its pattern
+//     counts and the time of its stages (grouping the pixels by pattern,
+//     forming the estimators, the products and fitted values, writing);
+// and prints pixels per second and the ratio of the inversion time to the
+// I/O floor. Finally it runs the sbas-ts program on the first job with two
+// batch sizes and reports the peak resident memory of each run, which is
+// what maxcap bounds.
 //
 // The files are read from the page cache after the first pass, so the I/O
 // floor is the cost of touching every byte once, not of a cold disk.
@@ -51,8 +58,23 @@ struct Settings {
     double nodata_fraction = 0.2;
     long long maxcap = 250000;
     long long small_maxcap = 50000;
+    double scatter = 0.03;
+    std::vector<int> threads = {1, 2};
+    bool whole_runs = true;
     bool regenerate = false;
 };
+
+std::vector<int> parse_list(const std::string& text)
+{
+    std::vector<int> values;
+    size_t at = 0;
+    while (at < text.size()) {
+        const size_t comma = text.find(',', at);
+        values.push_back(std::stoi(text.substr(at, comma - at)));
+        at = comma == std::string::npos ? text.size() : comma + 1;
+    }
+    return values;
+}
 
 Settings parse(int argc, char** argv)
 {
@@ -74,11 +96,15 @@ Settings parse(int argc, char** argv)
         else if (arg == "--nodata-fraction") s.nodata_fraction = std::stod(value());
         else if (arg == "--maxcap") s.maxcap = std::stoll(value());
         else if (arg == "--small-maxcap") s.small_maxcap = std::stoll(value());
+        else if (arg == "--scatter") s.scatter = std::stod(value());
+        else if (arg == "--threads") s.threads = parse_list(value());
+        else if (arg == "--no-whole-runs") s.whole_runs = false;
         else if (arg == "--regenerate") s.regenerate = true;
         else {
             std::fprintf(stderr,
                          "usage: sbas-bench [--folder DIR] [--width N] [--length N] [--dates N] [--neighbours K]\n"
-                         "                  [--nodata-fraction F] [--maxcap N] [--small-maxcap N] [--regenerate]\n");
+                         "                  [--nodata-fraction F] [--maxcap N] [--small-maxcap N] [--scatter F]\n"
+                         "                  [--threads N,N,...] [--no-whole-runs] [--regenerate]\n");
             std::exit(2);
         }
     }
@@ -119,6 +145,7 @@ double io_floor(const CFG& cfg, int64_t pixels)
 struct Timing {
     double load = 0;
     double invert = 0;
+    sbas::InversionProfile profile;
 };
 
 Timing load_and_invert(CFG cfg, int threads, int64_t pixels, bool invert)
@@ -139,12 +166,80 @@ Timing load_and_invert(CFG cfg, int threads, int64_t pixels, bool invert)
         t.load += seconds_since(start);
         if (invert) {
             start = Clock::now();
-            sbas::sbas_step2_sbas_linear_new(cfg, dates, nullptr, stack, count.data(), batch.first, batch.end);
+            sbas::invert_batch(cfg, dates, nullptr, stack, count.data(), batch.first, batch.end, &t.profile);
             t.invert += seconds_since(start);
         }
         lib::free2d_float(stack, cfg.n_ifg);
     });
     return t;
+}
+
+// Copies the job's interferograms into `folder`/ifg with every sample made
+// no-data (0) with probability `fraction`, and writes a configuration that
+// points at the copies. The draw hashes the interferogram's index and the
+// pixel, so the variant is the same on every machine. Returns the
+// configuration's path; an existing variant is reused.
+std::string make_scattered(const std::string& config, const CFG& cfg, int64_t pixels, const std::string& folder,
+                           double fraction, bool regenerate)
+{
+    const std::string path = folder + "/config.txt";
+    if (!regenerate && std::filesystem::exists(path)) return path;
+    std::printf("making the scattered variant in %s ...\n", folder.c_str());
+    std::fflush(stdout);
+    std::filesystem::create_directories(folder + "/ifg");
+    std::filesystem::create_directories(folder + "/result");
+    std::vector<float> samples(static_cast<size_t>(pixels));
+    for (size_t k = 0; k < cfg.ifg_names.size(); ++k) {
+        com::read_raster(com::join_path(cfg.datafolder, cfg.ifg_names[k].c_str()).c_str(), 0, pixels,
+                         samples.data());
+        for (int64_t p = 0; p < pixels; ++p) {
+            uint64_t z = (static_cast<uint64_t>(k) << 40) ^ static_cast<uint64_t>(p);
+            z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ULL;  // splitmix64's finaliser
+            z = (z ^ (z >> 27)) * 0x94d049bb133111ebULL;
+            z ^= z >> 31;
+            if (static_cast<double>(z >> 11) * 0x1.0p-53 < fraction) samples[static_cast<size_t>(p)] = 0.0f;
+        }
+        std::ofstream(folder + "/ifg/" + cfg.ifg_names[k], std::ios::binary)
+            .write(reinterpret_cast<const char*>(samples.data()), static_cast<std::streamsize>(pixels * 4));
+    }
+    std::ifstream in(config);
+    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::ofstream(path) << text << "datafolder " << folder << "/ifg\nresultfolder " << folder << "/result\n";
+    return path;
+}
+
+// Measures the loader and the inversion of the job of `config` and prints
+// them as a table, one line per thread count.
+void measure_stack(const char* title, const std::string& config, const std::vector<int>& thread_counts)
+{
+    const CFG cfg = lib::loadcfg(config.c_str());
+    const HEADER header = com::readheader(cfg.headerfile);
+    const int64_t pixels = header.WIDTH * header.FILE_LENGTH;
+    const double megabytes = static_cast<double>(pixels) * 4.0 * static_cast<double>(cfg.ifg_names.size()) / 1048576.0;
+    std::printf("\n%s: %lld pixels, %zu interferograms, %.0f MiB of rasters, maxcap %lld\n", title,
+                static_cast<long long>(pixels), cfg.ifg_names.size(), megabytes, static_cast<long long>(cfg.maxcap));
+    io_floor(cfg, pixels);  // warms the page cache
+    const double floor = io_floor(cfg, pixels);
+    std::printf("I/O floor (every file read once): %.2f s (%.0f MiB/s)\n", floor, megabytes / floor);
+    std::printf("threads  loader (x floor)  inversion  grouping  estimators  products  writing   pixels/s"
+                "  inversion / floor\n");
+    sbas::InversionProfile counts;
+    for (int threads : thread_counts) {
+        const Timing loaded = load_and_invert(cfg, threads, pixels, false);
+        const Timing t = load_and_invert(cfg, threads, pixels, true);
+        const sbas::InversionProfile& p = t.profile;
+        // The parallel stages are summed over the threads; shown per thread.
+        const double per = static_cast<double>(threads);
+        std::printf("%7d  %6.2f s (%5.1f)  %7.2f s  %6.2f s  %8.2f s  %6.2f s  %5.2f s  %9.0f  %17.0f\n", threads,
+                    loaded.load, loaded.load / floor, t.invert, p.grouping / per, p.factorising / per,
+                    p.products / per, p.writing, static_cast<double>(pixels) / t.invert, t.invert / floor);
+        if (threads == thread_counts.front()) counts = p;
+    }
+    std::printf("pixels: %lld complete, %lld incomplete in %lld distinct patterns (%lld of one pixel) at %d "
+                "thread%s\n",
+                static_cast<long long>(counts.complete), static_cast<long long>(counts.incomplete),
+                static_cast<long long>(counts.patterns), static_cast<long long>(counts.single),
+                thread_counts.front(), thread_counts.front() > 1 ? "s" : "");
 }
 
 // Runs sbas-ts on `config` from this (small, freshly started) process and
@@ -225,25 +320,14 @@ int main(int argc, char** argv)
                                              "maxcap " + std::to_string(s.maxcap) + "\nref_row 1\nref_col 1\n");
     const CFG cfg = lib::loadcfg(config.c_str());
     const HEADER header = com::readheader(cfg.headerfile);
-    const int64_t pixels = header.WIDTH * header.FILE_LENGTH;
-    const double megabytes = static_cast<double>(pixels) * 4.0 * static_cast<double>(cfg.ifg_names.size()) / 1048576.0;
-    std::printf("\njob: %lld pixels, %zu interferograms, %.0f MiB of rasters, maxcap %lld\n",
-                static_cast<long long>(pixels), cfg.ifg_names.size(), megabytes, static_cast<long long>(cfg.maxcap));
+    const std::string scattered = make_scattered(config, cfg, header.WIDTH * header.FILE_LENGTH,
+                                                 s.folder + "-scattered", s.scatter, s.regenerate);
 
-    io_floor(cfg, pixels);  // warms the page cache
-    const double floor = io_floor(cfg, pixels);
-    std::printf("I/O floor (every file read once): %.2f s (%.0f MiB/s)\n", floor, megabytes / floor);
-
-    for (int threads : {1, 2}) {
-        const Timing loaded = load_and_invert(cfg, threads, pixels, false);
-        std::printf("loader, %d thread%s: %.2f s (%.2f x the I/O floor)\n", threads, threads > 1 ? "s" : "",
-                    loaded.load, loaded.load / floor);
-    }
-    for (int threads : {1, 2}) {
-        const Timing t = load_and_invert(cfg, threads, pixels, true);
-        std::printf("inversion, %d thread%s: %.2f s, %.0f pixels/s (inversion / I/O floor = %.1f)\n", threads,
-                    threads > 1 ? "s" : "", t.invert, static_cast<double>(pixels) / t.invert, t.invert / floor);
-    }
+    measure_stack("medium stack, no-data in patches", config, s.threads);
+    char title[96];
+    std::snprintf(title, sizeof title, "the same, %g of the samples no-data at random", s.scatter);
+    measure_stack(title, scattered, s.threads);
+    if (!s.whole_runs) return 0;
 
     std::printf("\nwhole runs of sbas-ts (2 threads, reference and inversion):\n");
     for (long long maxcap : {s.maxcap, s.small_maxcap}) {
