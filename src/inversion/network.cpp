@@ -50,7 +50,7 @@
 #include "catalogue/filelist.h"
 #include "catalogue/raster.h"
 #include "numerics/arrays.h"
-#include "numerics/clones.h"
+#include "numerics/lanes.h"
 #include "numerics/least_squares.h"
 #include "numerics/linalg.h"
 #include "numerics/lockstep.h"
@@ -146,6 +146,7 @@ struct System {
     int64_t observed = 0;  // rows holding a sample
     int64_t n = 0;         // interferogram rows (observed, then zero rows)
     int64_t rows = 0;      // n + constraint rows
+    bool finite = true;    // E holds no infinity or NaN
 };
 
 // The full network's estimator and design, shared read-only by the threads.
@@ -156,18 +157,12 @@ struct FullNetwork {
     Owned<int64_t> ifgs;  // 0 .. N-1
 };
 
-bool all_finite(const double* v, int64_t count)
-{
-    for (int64_t i = 0; i < count; ++i)
-        if (!std::isfinite(v[i])) return false;
-    return true;
-}
-
 // True when the M rows of the estimator E (ldE x rows) are all finite.
+SBAS_VECTOR_CLONES
 bool estimator_finite(const Network& net, const double* E, int64_t rows)
 {
     for (int64_t l = 0; l < rows; ++l)
-        if (!all_finite(E + l * net.ldE, net.M)) return false;
+        if (!lib::all_finite(E + l * net.ldE, net.M)) return false;
     return true;
 }
 
@@ -260,6 +255,30 @@ double dense_fitted(const lib::SparseDesign& design, int64_t k, int64_t M, const
     return sum;
 }
 
+// The sum of squared residuals of one pixel over the interferogram rows,
+// in float, from its solution x and observations y (entries kChunk apart),
+// x finite. Every row is taken as `widest` terms, the missing ones as 0.0
+// times the row's last term, which adds nothing to a finite sum: the loop
+// runs the same length for every row and its end is predicted.
+float residual_sum(const lib::SparseDesign& design, int64_t n, const double* x, const double* y)
+{
+    int64_t widest = 0;
+    for (int64_t k = 0; k < n; ++k) widest = std::max(widest, design.row_start[k + 1] - design.row_start[k]);
+    float sum = 0.0f;
+    for (int64_t k = 0; k < n; ++k) {
+        const int64_t first = design.row_start[k], end = design.row_start[k + 1];
+        double fitted = 0.0;
+        for (int64_t t = 0; first < end && t < widest; ++t) {
+            const int64_t p = first + t;
+            const int64_t at = p < end ? p : end - 1;
+            fitted += design.values[at] * static_cast<double>(p < end) * x[design.columns[at] * kChunk];
+        }
+        const double residual = y[k * kChunk] - fitted;
+        sum += residual * residual;
+    }
+    return sum;
+}
+
 // The outputs of a chunk of pixels from their solutions X and observations
 // Y (entry j of pixel c at X[j * kChunk + c], Y[k * kChunk + c]). A fitted
 // value sums A[k, j] x[j] over j from 0.0 in increasing j; with x finite the
@@ -275,7 +294,8 @@ void finish_chunk(const Network& net, const System& sys, const double* X, const 
     for (int64_t j = 0; j < M; ++j)
         for (int64_t c = 0; c < chunk; ++c) finite[c] &= std::fabs(X[j * kChunk + c]) <= DBL_MAX;
     float sum[kChunk] = {};
-    for (int64_t k = 0; k < sys.n; ++k) {
+    if (chunk == 1 && finite[0]) sum[0] = residual_sum(design, sys.n, X, Y);
+    for (int64_t k = 0; chunk > 1 && k < sys.n; ++k) {
         double fitted[kChunk] = {};
         for (int64_t p = design.row_start[k]; p < design.row_start[k + 1]; ++p) {
             const double a = design.values[p];
@@ -350,7 +370,7 @@ void solve_one_by_one(const Network& net, const System& sys, float* const* stack
 void solve_pixels(const Network& net, const System& sys, float* const* stack, const int64_t* pixels,
                   int64_t count, Scratch& s, Maps& maps)
 {
-    if (!estimator_finite(net, sys.E, sys.rows)) {
+    if (!sys.finite) {
         solve_one_by_one(net, sys, stack, pixels, count, s, maps);
         return;
     }
@@ -484,19 +504,29 @@ void solve_patterns(const CFG& cfg, const Network& net, const std::vector<DATEOR
     int inverted = 0;
     auto rows_of = [&](int64_t q) { return g.n[q] + net.constraints; };
     // Builds pattern q's system from its first pixel into s.A, s.y and w.
+    // s.A holds zeros between systems: `clear` takes a system's entries out
+    // again (the nonzero ones its index lists, and the DEM column, whose
+    // entries may be zeros of either sign), which costs far less than
+    // zeroing the whole matrix for every pattern.
     auto build = [&](int64_t q, double* w) {
         const int64_t rows = rows_of(q);
-        std::fill(s.A.get(), s.A.get() + rows * M, 0.0);
         std::fill(s.y.get(), s.y.get() + rows, 0.0);
         std::fill(w, w + rows, 0.0);
         com::readoneunwseries3(cfg, stack, count, M, dates, baselines,
                                g.members[g.start[q]], net.K, s.y.get(), s.A.get(), w, rows);
+    };
+    auto clear = [&](int lane, int64_t rows) {
+        const lib::SparseDesign& d = s.designs[lane];
+        for (int64_t l = 0; l < rows; ++l)
+            for (int64_t p = d.row_start[l]; p < d.row_start[l + 1]; ++p) s.A[d.columns[p] * rows + l] = 0.0;
+        if (net.dem_error) std::fill(s.A.get() + (M - 1) * rows, s.A.get() + M * rows, 0.0);
     };
     for (int lane = 0; lane < count_patterns; ++lane) {
         const int64_t q = first + lane;
         double* w = s.w.get() + lane * net.most_rows;
         build(q, w);
         lib::index_design(s.A.get(), rows_of(q), M, s.designs[lane]);
+        clear(lane, rows_of(q));
         double* S = s.S.get() + lane * M * M;
         halves[lane] = lib::diagonal_normal_matrix(s.designs[lane], w, rows_of(q), M, S);
         if (halves[lane]) normal[inverted++] = S;
@@ -507,7 +537,9 @@ void solve_patterns(const CFG& cfg, const Network& net, const std::vector<DATEOR
         const int64_t rows = rows_of(q);
         double* w = s.w.get() + lane * net.most_rows;
         const double* S = s.S.get() + lane * M * M;
-        if (!halves[lane] || !lib::diagonal_estimator(s.designs[lane], w, rows, M, S, s.E.get(), net.ldE)) {
+        bool finite = halves[lane] && lib::diagonal_estimator(s.designs[lane], w, rows, M, S, s.E.get(), net.ldE);
+        const bool dense = !finite;
+        if (dense) {
             build(q, w);
             auto& e = s.estimator;
             e.S.resize(static_cast<size_t>(M * M));
@@ -516,6 +548,7 @@ void solve_patterns(const CFG& cfg, const Network& net, const std::vector<DATEOR
             e.pivots.resize(static_cast<size_t>(M));
             lib::dense_diagonal_estimator(s.A.get(), w, rows, M, e.S.data(), e.T.data(), e.LU.data(),
                                           e.pivots.data(), s.E.get(), net.ldE);
+            finite = estimator_finite(net, s.E.get(), rows);
         }
         clock.lap(s.profile.factorising);
         // The pattern's rows: its valid interferograms in list order.
@@ -524,10 +557,11 @@ void solve_patterns(const CFG& cfg, const Network& net, const std::vector<DATEOR
         const uint64_t* bits = g.bits.get() + q * g.words;
         for (int64_t k = 0; k < net.N; ++k)
             if (bits[k / 64] >> (k % 64) & 1) ifgs[observed++] = k;
-        const bool finite = estimator_finite(net, s.E.get(), rows);
-        if (!finite) build(q, w);
-        const System sys{s.E.get(), &s.designs[lane], s.A.get(), ifgs, observed, g.n[q], rows};
+        // After the dense chain s.A holds the pattern's system, for the
+        // pixels solved one at a time.
+        const System sys{s.E.get(), &s.designs[lane], s.A.get(), ifgs, observed, g.n[q], rows, finite};
         solve_pixels(net, sys, stack, g.members.get() + g.start[q], g.start[q + 1] - g.start[q], s, maps);
+        if (dense) clear(lane, rows);
         clock.lap(s.profile.products);
     }
 }
@@ -550,7 +584,8 @@ void invert_block(const CFG& cfg, const Network& net, const std::vector<DATEORDE
     clock.lap(profile.grouping);
 
     if (g.complete_count > 0) {
-        const System sys{full.E.get(), &full.design, full.A.get(), full.ifgs.get(), net.N, net.N, net.L};
+        const System sys{full.E.get(), &full.design,    full.A.get(), full.ifgs.get(),
+                         net.N,        net.N,           net.L,        full.A.get() == nullptr};
         solve_pixels(net, sys, stack, g.complete.get(), g.complete_count, s, maps);
     }
     clock.lap(profile.products);

@@ -23,6 +23,7 @@
 // included, one by one.
 #include "numerics/least_squares.h"
 
+#include <algorithm>
 #include <bit>
 #include <cfloat>
 #include <cmath>
@@ -30,8 +31,9 @@
 #include <cstdlib>
 
 #include "numerics/arrays.h"
-#include "numerics/clones.h"
+#include "numerics/lanes.h"
 #include "numerics/linalg.h"
+#include "numerics/validity.h"
 
 namespace lib {
 
@@ -96,65 +98,73 @@ void weighted_linear_function_nonewmatrix(const double* A, const double* W, int6
 
 namespace {
 
-// The value a dense sum leaves after adding the single term z to +0.0.
-inline double canon(double z) { return z == 0.0 ? 0.0 : z; }
-
-// True when none of the count values is infinite or NaN, i.e. none has an
-// exponent field of all ones. Adding one unit to the isolated exponent field
-// carries into the sign position exactly for such a value; with only integer
-// and/add/or and no early exit the scan runs as vector code.
-bool all_finite(const double* v, int64_t count)
-{
-    constexpr uint64_t exponent = 0x7ff0000000000000ULL;
-    constexpr uint64_t exponent_unit = 0x0010000000000000ULL;
-    uint64_t carry = 0;
-    for (int64_t i = 0; i < count; ++i) carry |= (std::bit_cast<uint64_t>(v[i]) & exponent) + exponent_unit;
-    return (carry >> 63) == 0;
-}
+// The value a dense sum leaves after adding the single term z to +0.0:
+// z itself, but +0.0 for -0.0.
+inline double canon(double z) { return z + 0.0; }
 
 }  // namespace
 
+SBAS_VECTOR_CLONES
 void index_design(const double* A, int64_t L, int64_t M, SparseDesign& design)
 {
-    // The entries column by column, skipping runs of four zeros at a time
-    // (a design matrix is mostly zeros; doubling the bits drops the sign, so
-    // the word is 0 exactly for +0.0 and -0.0), then sorted into rows by
+    // The entries column by column, skipping runs of eight zeros at once (a
+    // design matrix is mostly zeros; doubling the bits drops the sign, so a
+    // word is 0 exactly for +0.0 and -0.0), then sorted into rows by
     // counting: taking the columns in increasing order leaves every row's
     // list sorted.
     design.row_start.assign(static_cast<size_t>(L > 0 ? L + 2 : 2), 0);
+    int64_t* start = design.row_start.data();
     std::vector<int64_t>& at = design.entry_row;
-    std::vector<int64_t>& columns = design.entry_column;
-    at.clear();
-    columns.clear();
+    std::vector<int64_t>& column = design.entry_column;
+    // First the blocks of eight rows of a column that hold a nonzero entry,
+    // then their entries. Both lists are written without a branch per item
+    // (every item is stored, the cursor moves past the ones kept), as no
+    // predictor could learn where the nonzero entries are.
+    const int64_t blocks_per_column = (L + kLanes - 1) / kLanes;
+    std::vector<int64_t>& blocks = design.entry_block;
+    if (static_cast<int64_t>(blocks.size()) < M * blocks_per_column + 1)
+        blocks.resize(static_cast<size_t>(M * blocks_per_column + 1));
+    int64_t kept = 0;
     for (int64_t j = 0; j < M; ++j) {
         const double* col = A + j * L;
-        int64_t l = 0;
-        for (; l + 4 <= L; l += 4) {
-            const uint64_t any = std::bit_cast<uint64_t>(col[l]) | std::bit_cast<uint64_t>(col[l + 1]) |
-                                 std::bit_cast<uint64_t>(col[l + 2]) | std::bit_cast<uint64_t>(col[l + 3]);
-            if ((any << 1) == 0) continue;
-            for (int64_t r = l; r < l + 4; ++r)
-                if (col[r] != 0.0) {
-                    at.push_back(r);
-                    columns.push_back(j);
-                }
+        int64_t b = 0;
+        for (; (b + 1) * kLanes <= L; ++b) {
+            LaneInts bits = (LaneInts)*reinterpret_cast<const LanesU*>(col + b * kLanes) << 1;
+            bits |= __builtin_shufflevector(bits, bits, 4, 5, 6, 7, 0, 1, 2, 3);
+            bits |= __builtin_shufflevector(bits, bits, 2, 3, 0, 1, 6, 7, 4, 5);
+            bits |= __builtin_shufflevector(bits, bits, 1, 0, 3, 2, 5, 4, 7, 6);
+            blocks[kept] = j * blocks_per_column + b;
+            kept += bits[0] != 0;
         }
-        for (; l < L; ++l)
-            if (col[l] != 0.0) {
-                at.push_back(l);
-                columns.push_back(j);
-            }
+        if (b < blocks_per_column) blocks[kept++] = j * blocks_per_column + b;  // the short last block
     }
-    // row_start[l + 2] counts row l; shifted twice it ends as the starts.
-    int64_t* start = design.row_start.data();
-    for (const int64_t r : at) ++start[r + 2];
+    if (static_cast<int64_t>(at.size()) < kept * kLanes + 1) {
+        at.resize(static_cast<size_t>(kept * kLanes + 1));
+        column.resize(at.size());
+    }
+    int64_t nonzeros = 0;
+    for (int64_t k = 0; k < kept; ++k) {
+        const int64_t j = blocks[k] / blocks_per_column;
+        const int64_t first = blocks[k] % blocks_per_column * kLanes;
+        const int64_t end = std::min(first + kLanes, L);
+        const double* col = A + j * L;
+        for (int64_t r = first; r < end; ++r) {
+            const int64_t nonzero = col[r] != 0.0;
+            at[nonzeros] = r;
+            column[nonzeros] = j;
+            nonzeros += nonzero;
+            start[r + 2] += nonzero;
+        }
+    }
+    // start[l + 2] counted row l; summed and shifted by the placing below it
+    // ends as the row starts.
     for (int64_t l = 0; l < L; ++l) start[l + 2] += start[l + 1];
-    design.columns.resize(at.size());
-    design.values.resize(at.size());
-    for (size_t e = 0; e < at.size(); ++e) {
+    design.columns.resize(static_cast<size_t>(nonzeros));
+    design.values.resize(static_cast<size_t>(nonzeros));
+    for (int64_t e = 0; e < nonzeros; ++e) {
         const int64_t slot = start[at[e] + 1]++;
-        design.columns[static_cast<size_t>(slot)] = columns[e];
-        design.values[static_cast<size_t>(slot)] = A[columns[e] * L + at[e]];
+        design.columns[slot] = column[e];
+        design.values[slot] = A[column[e] * L + at[e]];
     }
 }
 
@@ -182,44 +192,86 @@ bool diagonal_normal_matrix(const SparseDesign& design, const double* w, int64_t
     return true;
 }
 
+namespace {
+
+// Rows i0 .. i0 + 8V - 1 of column l of E for diagonal_estimator: S is
+// padded (column stride ldS, a multiple of 8, zeros past M) and the row's
+// terms are taken `widest` times, the missing ones as 0.0 times the row's
+// last term, which add +0.0 or -0.0 to a sum and so nothing: the loops run
+// the same length for every row and their ends are predicted.
+template <int V>
+[[gnu::always_inline]] inline void estimator_rows(const int64_t* columns, const double* values, int64_t first,
+                                                  int64_t end, int64_t widest, const double* S, int64_t ldS,
+                                                  int64_t i0, double wl, double* e, LaneInts& nonfinite)
+{
+    Lanes t[V] = {};
+    for (int64_t k = 0; k < widest; ++k) {
+        const int64_t p = first + k;
+        const int64_t at = p < end ? p : end - 1;
+        const double a = values[at] * static_cast<double>(p < end);
+        const double* s = S + columns[at] * ldS + i0;
+        for (int v = 0; v < V; ++v) t[v] += *reinterpret_cast<const LanesU*>(s + v * kLanes) * a;
+    }
+    for (int v = 0; v < V; ++v) {
+        const Lanes product = t[v] * wl + 0.0;  // canon(t * w)
+        SBAS_FLAG_NONFINITE(nonfinite, t[v]);
+        SBAS_FLAG_NONFINITE(nonfinite, product);
+        *reinterpret_cast<LanesU*>(e + i0 + v * kLanes) = product;
+    }
+}
+
+}  // namespace
+
 SBAS_VECTOR_CLONES
 bool diagonal_estimator(const SparseDesign& design, const double* w, int64_t L, int64_t M, const double* S,
                         double* E, int64_t ldE)
 {
     if (L < 1 || M < 1) return false;
-    // The next product skips zeros of A and so needs S finite (the inverse
-    // of a nearly singular matrix may overflow); the last one skips zeros of
-    // W and needs w finite.
-    if (!all_finite(S, M * M) || !all_finite(w, L)) return false;
     const int64_t* start = design.row_start.data();
     const int64_t* columns = design.columns.data();
     const double* values = design.values.data();
-    bool finite = true;
+    // The next product skips zeros of A and so needs S finite (the inverse
+    // of a nearly singular matrix may overflow); the last one skips zeros of
+    // W and needs w finite.
+    if (!all_finite(S, M * M) || !all_finite(w, L) || !all_finite(values, start[L])) return false;
+    // S with its columns padded to a multiple of 8 rows by zeros, so that
+    // eight rows at a time fill the lanes. E's rows past M receive 0.0.
+    const int64_t ldS = (M + kLanes - 1) / kLanes * kLanes;
+    std::vector<double> padded(static_cast<size_t>(ldS * M), 0.0);
+    for (int64_t j = 0; j < M; ++j)
+        for (int64_t i = 0; i < M; ++i) padded[static_cast<size_t>(j * ldS + i)] = S[j * M + i];
+    int64_t widest = 0;
+    for (int64_t l = 0; l < L; ++l) widest = std::max(widest, start[l + 1] - start[l]);
+
+    LaneInts nonfinite = {};
     for (int64_t l = 0; l < L; ++l) {
         // Column l of T = S A^T sums S[:, j] A[l, j] over the nonzero
         // columns j of row l, in increasing j, from 0.0; then E = T W is the
-        // single term T[i, l] w[l] per element, which needs T finite.
+        // single term T[i, l] w[l] per element (canon of the product), which
+        // needs T finite. Up to 64 rows a pass keep their sums in registers.
         double* e = E + l * ldE;
-        int64_t p = start[l];
-        if (p == start[l + 1]) {
-            for (int64_t i = 0; i < M; ++i) e[i] = 0.0;
+        const int64_t first = start[l], end = start[l + 1];
+        if (first == end) {
+            for (int64_t i = 0; i < M; ++i) e[i] = 0.0;  // +0.0 * w[l]
             continue;
         }
-        const double* s = S + columns[p] * M;
-        const double a = values[p];
-        for (int64_t i = 0; i < M; ++i) e[i] = 0.0 + s[i] * a;
-        for (++p; p < start[l + 1]; ++p) {
-            const double b = values[p];
-            const double* t = S + columns[p] * M;
-            for (int64_t i = 0; i < M; ++i) e[i] += t[i] * b;
-        }
-        const double wl = w[l];
-        for (int64_t i = 0; i < M; ++i) {
-            finite &= std::fabs(e[i]) <= DBL_MAX;
-            e[i] = canon(e[i] * wl);
+        for (int64_t i0 = 0; i0 < ldS; i0 += 8 * kLanes) {
+            const double* s = padded.data();
+            switch (std::min<int64_t>(8, (ldS - i0) / kLanes)) {
+                case 8: estimator_rows<8>(columns, values, first, end, widest, s, ldS, i0, w[l], e, nonfinite); break;
+                case 7: estimator_rows<7>(columns, values, first, end, widest, s, ldS, i0, w[l], e, nonfinite); break;
+                case 6: estimator_rows<6>(columns, values, first, end, widest, s, ldS, i0, w[l], e, nonfinite); break;
+                case 5: estimator_rows<5>(columns, values, first, end, widest, s, ldS, i0, w[l], e, nonfinite); break;
+                case 4: estimator_rows<4>(columns, values, first, end, widest, s, ldS, i0, w[l], e, nonfinite); break;
+                case 3: estimator_rows<3>(columns, values, first, end, widest, s, ldS, i0, w[l], e, nonfinite); break;
+                case 2: estimator_rows<2>(columns, values, first, end, widest, s, ldS, i0, w[l], e, nonfinite); break;
+                default: estimator_rows<1>(columns, values, first, end, widest, s, ldS, i0, w[l], e, nonfinite); break;
+            }
         }
     }
-    return finite;
+    for (int k = 0; k < kLanes; ++k)
+        if (nonfinite[k] < 0) return false;
+    return true;
 }
 
 void dense_diagonal_estimator(const double* A, const double* w, int64_t L, int64_t M, double* S, double* T,

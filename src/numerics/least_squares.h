@@ -36,7 +36,7 @@ struct SparseDesign {
     std::vector<int64_t> row_start;  // L + 1 entries (one more held as work space)
     std::vector<int64_t> columns;
     std::vector<double> values;
-    std::vector<int64_t> entry_row, entry_column;  // work space of index_design
+    std::vector<int64_t> entry_row, entry_column, entry_block;  // work space of index_design
 };
 
 // Indexes the nonzero entries of A (L x M) into `design`.
@@ -54,9 +54,11 @@ void index_design(const double* A, int64_t L, int64_t M, SparseDesign& design);
 bool diagonal_normal_matrix(const SparseDesign& design, const double* w, int64_t L, int64_t M, double* S);
 
 // diagonal_estimator: with S as matinv_acc left it, the estimator E (M x L,
-// column l at E + l * ldE, ldE >= M) = S A^T W. Returns false, E unusable,
-// when the identity cannot be guaranteed: a non-finite entry in S or in
-// S A^T.
+// column l at E + l * ldE) = S A^T W. ldE must be at least M rounded up to a
+// multiple of 8; the rows past M receive 0.0. Returns false, E unusable,
+// when the identity cannot be guaranteed (a non-finite entry in S, w, A or
+// S A^T) or when E itself would hold an infinity: a true result leaves E
+// finite.
 bool diagonal_estimator(const SparseDesign& design, const double* w, int64_t L, int64_t M, const double* S,
                         double* E, int64_t ldE);
 

@@ -29,71 +29,113 @@
 // registers; a right-hand side left alone has eight rows of E in the lanes.
 //
 // Each kernel is compiled for AVX-512, for AVX2 and for the x86-64 baseline
-// and the machine's best runs (numerics/clones.h): eight lanes are one
-// AVX-512 register, two AVX2 registers or four baseline ones.
+// and the machine's best runs (numerics/lanes.h).
 #include "numerics/lockstep.h"
 
 #include <algorithm>
 #include <cstdint>
 
-#include "numerics/clones.h"
+#include "numerics/lanes.h"
 #include "numerics/linalg.h"
 
 namespace lib {
 namespace {
 
-constexpr int W = kLockstepLanes;
-typedef double Lanes __attribute__((vector_size(W * sizeof(double))));
-typedef int64_t LaneInts __attribute__((vector_size(W * sizeof(int64_t))));
-// Lanes at the alignment of a double, for loads and stores of caller memory.
-typedef double LanesU __attribute__((vector_size(W * sizeof(double)), aligned(sizeof(double))));
+constexpr int W = kLanes;
+static_assert(kLockstepLanes == kLanes);
 
 #define SBAS_LANE_KERNEL SBAS_VECTOR_CLONES
 #define SBAS_LANE_INLINE [[gnu::always_inline]] inline
 
-// Rows i0 .. i0+B-1 of v (n lanes vectors) take, in increasing q, the terms
-// v[i] -= lu[q * n + i] * v[q] for lo <= q < min(i, hi). This is the Crout
-// column step (v a column of the factors, lo = 0, hi = its column index)
-// and forward substitution (v a right-hand side, hi = n). Entries of v
-// before i0 must be final.
-template <int B>
-SBAS_LANE_INLINE void eliminate_rows(const Lanes* lu, Lanes* v, int64_t n, int64_t i0, int64_t lo, int64_t hi)
+// Rows i0 .. i0+B-1 of the C vectors v[c] (n lanes each) take, in
+// increasing q, the terms v[c][i] -= lu[q * n + i] * v[c][q] for lo <= q <
+// min(i, hi). This is the Crout column step (v columns of the factors, lo =
+// 0, hi = the first column's index) and forward substitution (v a
+// right-hand side, hi = n). Entries of v before i0 must be final; the C
+// vectors share every load of lu.
+template <int B, int C>
+SBAS_LANE_INLINE void eliminate_rows(const Lanes* lu, Lanes* const* v, int64_t n, int64_t i0, int64_t lo,
+                                     int64_t hi)
 {
-    Lanes acc[B];
-    for (int r = 0; r < B; ++r) acc[r] = v[i0 + r];
+    Lanes acc[C][B];
+    for (int c = 0; c < C; ++c)
+        for (int r = 0; r < B; ++r) acc[c][r] = v[c][i0 + r];
     const int64_t common = std::min(i0, hi);
     for (int64_t q = lo; q < common; ++q) {
-        const Lanes u = v[q];
         const Lanes* l = lu + q * n + i0;
-        for (int r = 0; r < B; ++r) acc[r] -= l[r] * u;
+        Lanes u[C];
+        for (int c = 0; c < C; ++c) u[c] = v[c][q];
+        for (int r = 0; r < B; ++r) {
+            const Lanes lr = l[r];
+            for (int c = 0; c < C; ++c) acc[c][r] -= lr * u[c];
+        }
     }
     // Within the block: row i0 + s is final once its terms below i0 + s are in.
 #pragma GCC unroll 8
     for (int s = 0; s < B; ++s) {
         const int64_t q = i0 + s;
         if (q < lo || q >= hi) continue;
-        const Lanes u = acc[s];
         const Lanes* l = lu + q * n + i0;
 #pragma GCC unroll 8
-        for (int r = s + 1; r < B; ++r) acc[r] -= l[r] * u;
+        for (int r = s + 1; r < B; ++r)
+            for (int c = 0; c < C; ++c) acc[c][r] -= l[r] * acc[c][s];
     }
-    for (int r = 0; r < B; ++r) v[i0 + r] = acc[r];
+    for (int c = 0; c < C; ++c)
+        for (int r = 0; r < B; ++r) v[c][i0 + r] = acc[c][r];
 }
 
-SBAS_LANE_INLINE void eliminate(const Lanes* lu, Lanes* v, int64_t n, int64_t first, int64_t lo, int64_t hi)
+template <int C>
+SBAS_LANE_INLINE void eliminate(const Lanes* lu, Lanes* const* v, int64_t n, int64_t first, int64_t lo, int64_t hi)
 {
     // The rows left over by the blocks are taken first, where the sums are
     // shortest.
     constexpr int B = 4;
     int64_t i0 = first;
-    for (; (n - i0) % B != 0; ++i0) eliminate_rows<1>(lu, v, n, i0, lo, hi);
-    for (; i0 < n; i0 += B) eliminate_rows<B>(lu, v, n, i0, lo, hi);
+    for (; (n - i0) % B != 0; ++i0) eliminate_rows<1, C>(lu, v, n, i0, lo, hi);
+    for (; i0 < n; i0 += B) eliminate_rows<B, C>(lu, v, n, i0, lo, hi);
+}
+
+// The end of Crout's step for column j, whose entries have all their terms:
+// the pivot (largest scaled magnitude, ties to the later row), the row swap
+// lane by lane, and the division below the pivot.
+SBAS_LANE_INLINE void pivot_column(Lanes* lu, Lanes* scale, int* pivots, int64_t n, int64_t j, LaneInts& bad)
+{
+    Lanes* col = lu + j * n;
+    Lanes big = {};
+    LaneInts pivot = LaneInts{} + j;
+    for (int64_t i = j; i < n; ++i) {
+        const Lanes d = scale[i] * (Lanes)((LaneInts)col[i] & INT64_MAX);
+        const LaneInts take = d >= big;
+        big = take ? d : big;
+        pivot = take ? LaneInts{} + i : pivot;
+    }
+    for (int k = 0; k < W; ++k) {
+        const int64_t r = pivot[k];
+        pivots[j * W + k] = static_cast<int>(r);
+        if (r == j) continue;
+        for (int64_t q = 0; q < n; ++q) {
+            const double t = lu[q * n + r][k];
+            lu[q * n + r][k] = lu[q * n + j][k];
+            lu[q * n + j][k] = t;
+        }
+        scale[r][k] = scale[j][k];
+    }
+    bad |= col[j] == 0.0;
+    if (j != n - 1) {
+        const Lanes r = 1.0 / col[j];
+        for (int64_t i = j + 1; i < n; ++i) col[i] *= r;
+    }
 }
 
 // Crout factorisation of the eight matrices interleaved in lu (element
 // (i, j) of lane k at lu[j * n + i][k]), each as ludcmp does it; pivots[j *
 // W + k] receives lane k's pivot row of column j, singular[k] is nonzero
-// when lane k's matrix is singular.
+// when lane k's matrix is singular. Columns go in pairs: the terms of the
+// columns before the pair are taken for both at once; the second column
+// takes the term of the first once that one is final. A row swap of the
+// first column moves the second column's partial sums along with the rows
+// of the factors they were formed from, so every element sees the terms the
+// scalar routine gives it, in its order.
 SBAS_LANE_INLINE void factor(Lanes* lu, Lanes* scale, int* pivots, int64_t n, int64_t* singular)
 {
     LaneInts bad = {};
@@ -106,34 +148,20 @@ SBAS_LANE_INLINE void factor(Lanes* lu, Lanes* scale, int* pivots, int64_t n, in
         bad |= big == 0.0;
         scale[i] = 1.0 / big;
     }
-    for (int64_t j = 0; j < n; ++j) {
-        Lanes* col = lu + j * n;
-        eliminate(lu, col, n, 0, 0, j);
-        // Pivot: the largest scaled magnitude, ties to the later row.
-        Lanes big = {};
-        LaneInts pivot = LaneInts{} + j;
-        for (int64_t i = j; i < n; ++i) {
-            const Lanes d = scale[i] * (Lanes)((LaneInts)col[i] & INT64_MAX);
-            const LaneInts take = d >= big;
-            big = take ? d : big;
-            pivot = take ? LaneInts{} + i : pivot;
-        }
-        for (int k = 0; k < W; ++k) {
-            const int64_t r = pivot[k];
-            pivots[j * W + k] = static_cast<int>(r);
-            if (r == j) continue;
-            for (int64_t q = 0; q < n; ++q) {
-                const double t = lu[q * n + r][k];
-                lu[q * n + r][k] = lu[q * n + j][k];
-                lu[q * n + j][k] = t;
-            }
-            scale[r][k] = scale[j][k];
-        }
-        bad |= col[j] == 0.0;
-        if (j != n - 1) {
-            const Lanes r = 1.0 / col[j];
-            for (int64_t i = j + 1; i < n; ++i) col[i] *= r;
-        }
+    int64_t j = 0;
+    for (; j + 1 < n; j += 2) {
+        Lanes* const pair[2] = {lu + j * n, lu + (j + 1) * n};
+        eliminate<2>(lu, pair, n, 0, 0, j);
+        pivot_column(lu, scale, pivots, n, j, bad);
+        const Lanes u = pair[1][j];
+        const Lanes* l = pair[0];
+        for (int64_t i = j + 1; i < n; ++i) pair[1][i] -= l[i] * u;
+        pivot_column(lu, scale, pivots, n, j + 1, bad);
+    }
+    if (j < n) {
+        Lanes* const last[1] = {lu + j * n};
+        eliminate<1>(lu, last, n, 0, 0, j);
+        pivot_column(lu, scale, pivots, n, j, bad);
     }
     for (int k = 0; k < W; ++k) singular[k] = bad[k];
 }
@@ -141,10 +169,9 @@ SBAS_LANE_INLINE void factor(Lanes* lu, Lanes* scale, int* pivots, int64_t n, in
 // Lanes whose factors hold an infinity or a NaN (exponent bits all ones).
 SBAS_LANE_INLINE void find_nonfinite(const Lanes* lu, int64_t cells, int64_t* nonfinite)
 {
-    constexpr int64_t exponent = 0x7ff0000000000000LL;
     LaneInts found = {};
-    for (int64_t q = 0; q < cells; ++q) found |= ((LaneInts)lu[q] & exponent) == exponent;
-    for (int k = 0; k < W; ++k) nonfinite[k] = found[k];
+    for (int64_t q = 0; q < cells; ++q) SBAS_FLAG_NONFINITE(found, lu[q]);
+    for (int k = 0; k < W; ++k) nonfinite[k] = found[k] < 0;
 }
 
 // The inverse from the factors, column c of x (x[c * n + i]) being what
@@ -198,6 +225,59 @@ SBAS_LANE_INLINE void invert(const Lanes* ut, const int* position, int64_t n, La
             for (int s = 0; s < B; ++s) xs[s][i] = acc[s] / d;
         }
     }
+}
+
+// Transposes the 8 x 8 block r (r[k][t] becomes r[t][k]) with three rounds
+// of shuffles.
+SBAS_LANE_INLINE void transpose8(Lanes* r)
+{
+    Lanes s[W], u[W];
+    for (int k = 0; k < W; k += 2) {
+        s[k] = __builtin_shufflevector(r[k], r[k + 1], 0, 8, 2, 10, 4, 12, 6, 14);
+        s[k + 1] = __builtin_shufflevector(r[k], r[k + 1], 1, 9, 3, 11, 5, 13, 7, 15);
+    }
+    for (int k = 0; k < W; k += 4)
+        for (int o = 0; o < 2; ++o) {
+            u[k + o] = __builtin_shufflevector(s[k + o], s[k + 2 + o], 0, 1, 8, 9, 4, 5, 12, 13);
+            u[k + 2 + o] = __builtin_shufflevector(s[k + o], s[k + 2 + o], 2, 3, 10, 11, 6, 7, 14, 15);
+        }
+    for (int t = 0; t < 4; ++t) {
+        r[t] = __builtin_shufflevector(u[t], u[4 + t], 0, 1, 2, 3, 8, 9, 10, 11);
+        r[t + 4] = __builtin_shufflevector(u[t], u[4 + t], 4, 5, 6, 7, 12, 13, 14, 15);
+    }
+}
+
+// Interleaves the `cells` doubles of the eight blocks from[k] into lanes:
+// lu[q][k] = from[k][q].
+SBAS_LANE_KERNEL
+void interleave(const double* const* from, int64_t cells, Lanes* lu)
+{
+    int64_t q = 0;
+    for (; q + W <= cells; q += W) {
+        Lanes r[W];
+        for (int k = 0; k < W; ++k) r[k] = *reinterpret_cast<const LanesU*>(from[k] + q);
+        transpose8(r);
+        for (int t = 0; t < W; ++t) lu[q + t] = r[t];
+    }
+    for (; q < cells; ++q)
+        for (int k = 0; k < W; ++k) lu[q][k] = from[k][q];
+}
+
+// The inverse, lane k's, back into to[k] for the lanes with `keep[k]` set.
+SBAS_LANE_KERNEL
+void deinterleave(const Lanes* lu, int64_t cells, double* const* to, const bool* keep)
+{
+    int64_t q = 0;
+    for (; q + W <= cells; q += W) {
+        Lanes r[W];
+        for (int t = 0; t < W; ++t) r[t] = lu[q + t];
+        transpose8(r);
+        for (int k = 0; k < W; ++k)
+            if (keep[k]) *reinterpret_cast<LanesU*>(to[k] + q) = r[k];
+    }
+    for (; q < cells; ++q)
+        for (int k = 0; k < W; ++k)
+            if (keep[k]) to[k][q] = lu[q][k];
 }
 
 SBAS_LANE_KERNEL
@@ -271,10 +351,17 @@ void products_kernel(const double* E, int64_t ldE, int64_t M, int64_t n, const d
     int64_t p = 0;
     for (; p + 2 * W <= count; p += 2 * W) product_solutions<2>(E, ldE, M, n, Y, ldY, X, ldX, p);
     for (; p + W <= count; p += W) product_solutions<1>(E, ldE, M, n, Y, ldY, X, ldX, p);
+    // Up to 64 rows a pass: that many independent sums hide the latency of
+    // the additions.
+    // Up to 64 rows a pass, as many independent sums as hide the latency of
+    // the additions, never past M rounded up to 8.
+    const int64_t blocks = (M + W - 1) / W;
     for (; p < count; ++p) {
-        int64_t i0 = 0;
-        for (; i0 + 4 * W <= M; i0 += 4 * W) product_rows<4>(E, ldE, M, n, Y, ldY, X, ldX, i0, p);
-        for (; i0 < M; i0 += W) product_rows<1>(E, ldE, M, n, Y, ldY, X, ldX, i0, p);
+        int64_t b = 0;
+        for (; b + 8 <= blocks; b += 8) product_rows<8>(E, ldE, M, n, Y, ldY, X, ldX, b * W, p);
+        if (b + 4 <= blocks) product_rows<4>(E, ldE, M, n, Y, ldY, X, ldX, b * W, p), b += 4;
+        if (b + 2 <= blocks) product_rows<2>(E, ldE, M, n, Y, ldY, X, ldX, b * W, p), b += 2;
+        if (b < blocks) product_rows<1>(E, ldE, M, n, Y, ldY, X, ldX, b * W, p);
     }
 }
 
@@ -304,25 +391,23 @@ void matinv_lockstep(double* const* a, int count, int64_t n, LockstepScratch& sc
         for (int64_t i = 0; i < n; ++i) identity[static_cast<size_t>(i * n + i)] = 1.0;
     }
     for (int k = 0; k < W; ++k) from[k] = k < count ? a[k] : identity.data();
-    for (int64_t q = 0; q < cells; ++q) {
-        Lanes v;
-        for (int k = 0; k < W; ++k) v[k] = from[k][q];
-        lu[q] = v;
-    }
+    interleave(from, cells, lu);
     int64_t singular[W], nonfinite[W];
     invert_lanes(lu, ut, scale, pivots, position, n, singular, nonfinite);
-    // A matrix whose factors are not all finite is done by the scalar routine.
-    for (int k = 0; k < count; ++k)
+    // A matrix whose factors are not all finite is done by the scalar
+    // routine; a singular one stays as it is.
+    bool keep[W] = {};
+    for (int k = 0; k < count; ++k) {
+        keep[k] = !singular[k] && !nonfinite[k];
         if (!singular[k] && nonfinite[k]) {
             std::vector<double> factors(static_cast<size_t>(cells));
             std::vector<int> rows(static_cast<size_t>(n));
             matinv_acc(a[k], factors.data(), rows.data(), n);
         }
-    for (int64_t q = 0; q < cells; ++q) {
-        const Lanes v = lu[q];
-        for (int k = 0; k < count; ++k)
-            if (!singular[k] && !nonfinite[k]) a[k][q] = v[k];
     }
+    double* to[W];
+    for (int k = 0; k < W; ++k) to[k] = k < count ? a[k] : nullptr;
+    deinterleave(lu, cells, to, keep);
 }
 
 void products(const double* E, int64_t ldE, int64_t M, int64_t n, const double* Y, int64_t ldY, int64_t count,

@@ -5,7 +5,9 @@
 // no-data everywhere, and a stage that makes no estimate writes 0.
 #pragma once
 
+#include <bit>
 #include <cmath>
+#include <cstdint>
 
 namespace lib {
 
@@ -26,6 +28,19 @@ inline bool isvalid(const float& x)
 {
     const double widened = x;
     return isvalid_double(widened);
+}
+
+// True when none of the `count` doubles is infinite or NaN (has an exponent
+// field of all ones). Adding one unit to the isolated exponent field carries
+// into the sign position exactly for such a value; with only integer
+// and/add/or and no early exit the scan runs as vector code.
+inline bool all_finite(const double* v, int64_t count)
+{
+    constexpr uint64_t exponent = 0x7ff0000000000000ULL;
+    constexpr uint64_t exponent_unit = 0x0010000000000000ULL;
+    uint64_t carry = 0;
+    for (int64_t i = 0; i < count; ++i) carry |= (std::bit_cast<uint64_t>(v[i]) & exponent) + exponent_unit;
+    return (carry >> 63) == 0;
 }
 
 // The exact negation of isvalid: 1 for no-data, 0 for data.

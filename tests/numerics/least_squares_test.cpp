@@ -85,7 +85,7 @@ Matrix dense_estimator(const Matrix& A, const Matrix& w, int64_t L, int64_t M)
 // E from lib::weighted_estimator, stored with a padded column stride.
 Matrix diagonal_estimator(const Matrix& A, const Matrix& w, int64_t L, int64_t M, lib::EstimatorScratch& scratch)
 {
-    const int64_t ldE = M + 3;
+    const int64_t ldE = (M + 7) / 8 * 8;
     Matrix padded(ldE * L, NAN), E(M * L);
     lib::weighted_estimator(A.data(), w.data(), L, M, padded.data(), ldE, scratch);
     for (int64_t l = 0; l < L; ++l)
@@ -147,14 +147,15 @@ TEST(DiagonalWeights, WhereTheHalvesDeclineTheDenseChainStillGivesTheBits)
     for (const auto& [what, L, M, A, w, in_the_first_half] : cases) {
         lib::SparseDesign design;
         lib::index_design(A.data(), L, M, design);
-        Matrix S(M * M), E(M * L);
+        Matrix S(M * M);
         const bool first = lib::diagonal_normal_matrix(design, w.data(), L, M, S.data());
         EXPECT_EQ(first, !in_the_first_half) << what;
         if (first) {
             Matrix LU(M * M);
             std::vector<int> pivots(M);
             lib::matinv_acc(S.data(), LU.data(), pivots.data(), M);
-            EXPECT_FALSE(lib::diagonal_estimator(design, w.data(), L, M, S.data(), E.data(), M)) << what;
+            Matrix padded(8 * L);
+            EXPECT_FALSE(lib::diagonal_estimator(design, w.data(), L, M, S.data(), padded.data(), 8)) << what;
         }
         EXPECT_TRUE(same_bits(dense_estimator(A, w, L, M), diagonal_estimator(A, w, L, M, scratch).data())) << what;
     }
