@@ -102,7 +102,7 @@ struct Network {
     int64_t D = 0;             // dates
     int64_t M = 0;             // unknowns per pixel
     int64_t L = 0;             // rows of the full network
-    int64_t constraints = 0;   // temporal model rows (D - 1 or 0)
+    int64_t constraints = 0;   // temporal model rows (D - 1 or none)
     bool dem_error = false;    // DEM-error unknown present (last)
     int64_t model_column = 0;  // column of the temporal model's coefficient
     double K = 0;              // DEM-error coefficient
@@ -116,7 +116,8 @@ Network describe(const CFG& cfg, const std::vector<DATEORDER>& dates)
     net.N = static_cast<int64_t>(cfg.ifg_names.size());
     net.D = static_cast<int64_t>(dates.size());
     const bool constrained = cfg.temporal_constraint == 1 || cfg.temporal_constraint == 2;
-    net.constraints = constrained && net.D > 1 ? net.D - 1 : 0;
+    // D - 1 even for a list without dates: the report prints what follows.
+    net.constraints = constrained ? net.D - 1 : 0;
     net.dem_error = cfg.if_est_hgt != 0;
     net.M = net.D - 1 + (constrained ? 1 : 0) + (net.dem_error ? 1 : 0);
     net.L = net.N + net.constraints;

@@ -194,22 +194,19 @@ bool diagonal_normal_matrix(const SparseDesign& design, const double* w, int64_t
 
 namespace {
 
-// Rows i0 .. i0 + 8V - 1 of column l of E for diagonal_estimator: S is
-// padded (column stride ldS, a multiple of 8, zeros past M) and the row's
-// terms are taken `widest` times, the missing ones as 0.0 times the row's
-// last term, which add +0.0 or -0.0 to a sum and so nothing: the loops run
-// the same length for every row and their ends are predicted.
+// Rows i0 .. i0 + 8V - 1 of column l of E for diagonal_estimator: the sum
+// over the row's `terms` nonzero entries (from `first`) of S[:, j] A[l, j]
+// in increasing j from 0.0, then canon of its product with w[l]. S is padded
+// (column stride ldS, a multiple of 8, zeros past M).
 template <int V>
 [[gnu::always_inline]] inline void estimator_rows(const int64_t* columns, const double* values, int64_t first,
-                                                  int64_t end, int64_t widest, const double* S, int64_t ldS,
-                                                  int64_t i0, double wl, double* e, LaneInts& nonfinite)
+                                                  int64_t terms, const double* S, int64_t ldS, int64_t i0,
+                                                  double wl, double* e, LaneInts& nonfinite)
 {
     Lanes t[V] = {};
-    for (int64_t k = 0; k < widest; ++k) {
-        const int64_t p = first + k;
-        const int64_t at = p < end ? p : end - 1;
-        const double a = values[at] * static_cast<double>(p < end);
-        const double* s = S + columns[at] * ldS + i0;
+    for (int64_t p = first; p < first + terms; ++p) {
+        const double a = values[p];
+        const double* s = S + columns[p] * ldS + i0;
         for (int v = 0; v < V; ++v) t[v] += *reinterpret_cast<const LanesU*>(s + v * kLanes) * a;
     }
     for (int v = 0; v < V; ++v) {
@@ -240,32 +237,33 @@ bool diagonal_estimator(const SparseDesign& design, const double* w, int64_t L, 
     std::vector<double> padded(static_cast<size_t>(ldS * M), 0.0);
     for (int64_t j = 0; j < M; ++j)
         for (int64_t i = 0; i < M; ++i) padded[static_cast<size_t>(j * ldS + i)] = S[j * M + i];
-    int64_t widest = 0;
-    for (int64_t l = 0; l < L; ++l) widest = std::max(widest, start[l + 1] - start[l]);
+    // Rows are taken grouped by their number of terms (a counting sort), so
+    // that the loop over a row's terms runs the same length many times over
+    // and its end is predicted.
+    std::vector<int64_t> order(static_cast<size_t>(L)), first_of(static_cast<size_t>(M + 2), 0);
+    for (int64_t l = 0; l < L; ++l) ++first_of[static_cast<size_t>(start[l + 1] - start[l] + 1)];
+    for (int64_t c = 0; c <= M; ++c) first_of[static_cast<size_t>(c + 1)] += first_of[static_cast<size_t>(c)];
+    for (int64_t l = 0; l < L; ++l) order[static_cast<size_t>(first_of[static_cast<size_t>(start[l + 1] - start[l])]++)] = l;
 
     LaneInts nonfinite = {};
-    for (int64_t l = 0; l < L; ++l) {
+    for (const int64_t l : order) {
         // Column l of T = S A^T sums S[:, j] A[l, j] over the nonzero
         // columns j of row l, in increasing j, from 0.0; then E = T W is the
         // single term T[i, l] w[l] per element (canon of the product), which
         // needs T finite. Up to 64 rows a pass keep their sums in registers.
         double* e = E + l * ldE;
-        const int64_t first = start[l], end = start[l + 1];
-        if (first == end) {
-            for (int64_t i = 0; i < M; ++i) e[i] = 0.0;  // +0.0 * w[l]
-            continue;
-        }
+        const int64_t first = start[l], terms = start[l + 1] - start[l];
+        const double* s = padded.data();
         for (int64_t i0 = 0; i0 < ldS; i0 += 8 * kLanes) {
-            const double* s = padded.data();
             switch (std::min<int64_t>(8, (ldS - i0) / kLanes)) {
-                case 8: estimator_rows<8>(columns, values, first, end, widest, s, ldS, i0, w[l], e, nonfinite); break;
-                case 7: estimator_rows<7>(columns, values, first, end, widest, s, ldS, i0, w[l], e, nonfinite); break;
-                case 6: estimator_rows<6>(columns, values, first, end, widest, s, ldS, i0, w[l], e, nonfinite); break;
-                case 5: estimator_rows<5>(columns, values, first, end, widest, s, ldS, i0, w[l], e, nonfinite); break;
-                case 4: estimator_rows<4>(columns, values, first, end, widest, s, ldS, i0, w[l], e, nonfinite); break;
-                case 3: estimator_rows<3>(columns, values, first, end, widest, s, ldS, i0, w[l], e, nonfinite); break;
-                case 2: estimator_rows<2>(columns, values, first, end, widest, s, ldS, i0, w[l], e, nonfinite); break;
-                default: estimator_rows<1>(columns, values, first, end, widest, s, ldS, i0, w[l], e, nonfinite); break;
+                case 8: estimator_rows<8>(columns, values, first, terms, s, ldS, i0, w[l], e, nonfinite); break;
+                case 7: estimator_rows<7>(columns, values, first, terms, s, ldS, i0, w[l], e, nonfinite); break;
+                case 6: estimator_rows<6>(columns, values, first, terms, s, ldS, i0, w[l], e, nonfinite); break;
+                case 5: estimator_rows<5>(columns, values, first, terms, s, ldS, i0, w[l], e, nonfinite); break;
+                case 4: estimator_rows<4>(columns, values, first, terms, s, ldS, i0, w[l], e, nonfinite); break;
+                case 3: estimator_rows<3>(columns, values, first, terms, s, ldS, i0, w[l], e, nonfinite); break;
+                case 2: estimator_rows<2>(columns, values, first, terms, s, ldS, i0, w[l], e, nonfinite); break;
+                default: estimator_rows<1>(columns, values, first, terms, s, ldS, i0, w[l], e, nonfinite); break;
             }
         }
     }

@@ -80,7 +80,8 @@ struct EstimatorScratch {
 // The estimator E = (A^T W A)^-1 A^T W of one system with W = diag(w), bit
 // for bit as weighted_linear_function_nonewmatrix forms it (its E): the
 // two diagonal halves around matinv_acc, or the dense chain when they
-// decline. E as for diagonal_estimator.
+// decline. E as for diagonal_estimator (the dense chain leaves the rows
+// past M as they were).
 void weighted_estimator(const double* A, const double* w, int64_t L, int64_t M, double* E, int64_t ldE,
                         EstimatorScratch& scratch);
 

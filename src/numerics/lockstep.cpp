@@ -10,10 +10,12 @@
 // are per lane, and a matrix found singular is not written back (matinv_acc
 // leaves such a matrix as it was).
 //
-// Two rearrangements keep every lane's sums while the loops suit vectors:
-//  - Updates "v[i] -= l[i] * u" are made for a block of rows at once, the
-//    sums held in registers; each element still takes its terms in
-//    increasing index, and a term is formed only once its factor is final.
+// The loops are arranged for the vectors without changing any lane's sums:
+//  - The updates "v[i] -= l[i] * u" run for a block of rows, of columns, or
+//    both at once, the sums held in registers and each load shared; every
+//    element still takes its terms in increasing index, each term formed
+//    once its factors are final (see factor() for the columns taken in
+//    pairs while rows are being swapped).
 //  - The substitution for a unit vector starts, in the scalar code, at the
 //    first nonzero entry of the permuted vector, which differs from lane to
 //    lane. The entries before it are +0.0, and a term l * (+0.0) with a
@@ -26,7 +28,8 @@
 // products forms X = E Y for many right-hand sides, each element the sum
 // over l of E[i, l] Y[l, p] from 0.0 in increasing l: with eight or more
 // right-hand sides these fill the lanes and a block of sums stays in
-// registers; a right-hand side left alone has eight rows of E in the lanes.
+// registers; a right-hand side left alone has up to 64 rows of E in the
+// lanes of eight registers.
 //
 // Each kernel is compiled for AVX-512, for AVX2 and for the x86-64 baseline
 // and the machine's best runs (numerics/lanes.h).
@@ -44,7 +47,6 @@ namespace {
 constexpr int W = kLanes;
 static_assert(kLockstepLanes == kLanes);
 
-#define SBAS_LANE_KERNEL SBAS_VECTOR_CLONES
 #define SBAS_LANE_INLINE [[gnu::always_inline]] inline
 
 // Rows i0 .. i0+B-1 of the C vectors v[c] (n lanes each) take, in
@@ -249,7 +251,7 @@ SBAS_LANE_INLINE void transpose8(Lanes* r)
 
 // Interleaves the `cells` doubles of the eight blocks from[k] into lanes:
 // lu[q][k] = from[k][q].
-SBAS_LANE_KERNEL
+SBAS_VECTOR_CLONES
 void interleave(const double* const* from, int64_t cells, Lanes* lu)
 {
     int64_t q = 0;
@@ -264,7 +266,7 @@ void interleave(const double* const* from, int64_t cells, Lanes* lu)
 }
 
 // The inverse, lane k's, back into to[k] for the lanes with `keep[k]` set.
-SBAS_LANE_KERNEL
+SBAS_VECTOR_CLONES
 void deinterleave(const Lanes* lu, int64_t cells, double* const* to, const bool* keep)
 {
     int64_t q = 0;
@@ -280,7 +282,7 @@ void deinterleave(const Lanes* lu, int64_t cells, double* const* to, const bool*
             if (keep[k]) to[k][q] = lu[q][k];
 }
 
-SBAS_LANE_KERNEL
+SBAS_VECTOR_CLONES
 void invert_lanes(Lanes* lu, Lanes* ut, Lanes* scale, int* pivots, int* position, int64_t n, int64_t* singular,
                   int64_t* nonfinite)
 {
@@ -342,7 +344,7 @@ SBAS_LANE_INLINE void product_rows(const double* E, int64_t ldE, int64_t M, int6
         for (int k = 0; k < W && i0 + v * W + k < M; ++k) X[(i0 + v * W + k) * ldX + p] = acc[v][k];
 }
 
-SBAS_LANE_KERNEL
+SBAS_VECTOR_CLONES
 void products_kernel(const double* E, int64_t ldE, int64_t M, int64_t n, const double* Y, int64_t ldY,
                      int64_t count, double* X, int64_t ldX)
 {

@@ -32,8 +32,11 @@ void matinv_lockstep(double* const* a, int count, int64_t n, LockstepScratch& sc
 // E + l * ldE; entry l of right-hand side p is Y[l * ldY + p] and entry i of
 // its solution goes to X[i * ldX + p]. Element i of solution p is the sum
 // over l < n of E[i, l] * Y[l, p], from 0.0 in increasing l, as matmul forms
-// it. ldE must be at least M rounded up to a multiple of 8, and E's rows
-// past M must be readable (zeros, say): a right-hand side taken alone is
+// it: the same bits, NaNs included as long as E and Y hold none (every NaN
+// a sum then makes is the processor's one default NaN; of two different
+// NaNs an addition keeps the one the compiler's operand order picks). ldE
+// must be at least M rounded up to a multiple of 8, and E's rows past M
+// must be readable (zeros, say): a right-hand side taken alone is
 // multiplied eight rows at a time.
 void products(const double* E, int64_t ldE, int64_t M, int64_t n, const double* Y, int64_t ldY, int64_t count,
               double* X, int64_t ldX);
