@@ -19,14 +19,15 @@ namespace lib {
 inline constexpr int kLanes = 8;
 typedef double Lanes __attribute__((vector_size(kLanes * sizeof(double))));
 typedef int64_t LaneInts __attribute__((vector_size(kLanes * sizeof(int64_t))));
+typedef uint64_t LaneBits __attribute__((vector_size(kLanes * sizeof(uint64_t))));
 // Lanes at the alignment of a double, for loads and stores of any memory.
 typedef double LanesU __attribute__((vector_size(kLanes * sizeof(double)), aligned(sizeof(double))));
 
 // Flags the lanes of v that are infinite or NaN (exponent bits all ones) in
-// the sign bit of each lane of `carry`, as all_finite does: one unit added
-// to the isolated exponent carries into the sign exactly for those. Integer
-// operations only, so it stays in vector registers.
+// the top bit of each lane of `carry` (LaneBits), as all_finite does: one
+// unit added to the isolated exponent carries into that bit exactly for
+// those. Integer operations only, so it stays in vector registers.
 #define SBAS_FLAG_NONFINITE(carry, v) \
-    ((carry) |= (((LaneInts)(v)) & 0x7ff0000000000000LL) + 0x0010000000000000LL)
+    ((carry) |= (((LaneBits)(v)) & 0x7ff0000000000000ULL) + 0x0010000000000000ULL)
 
 }  // namespace lib

@@ -201,7 +201,7 @@ namespace {
 template <int V>
 [[gnu::always_inline]] inline void estimator_rows(const int64_t* columns, const double* values, int64_t first,
                                                   int64_t terms, const double* S, int64_t ldS, int64_t i0,
-                                                  double wl, double* e, LaneInts& nonfinite)
+                                                  double wl, double* e, LaneBits& nonfinite)
 {
     Lanes t[V] = {};
     for (int64_t p = first; p < first + terms; ++p) {
@@ -245,7 +245,7 @@ bool diagonal_estimator(const SparseDesign& design, const double* w, int64_t L, 
     for (int64_t c = 0; c <= M; ++c) first_of[static_cast<size_t>(c + 1)] += first_of[static_cast<size_t>(c)];
     for (int64_t l = 0; l < L; ++l) order[static_cast<size_t>(first_of[static_cast<size_t>(start[l + 1] - start[l])]++)] = l;
 
-    LaneInts nonfinite = {};
+    LaneBits nonfinite = {};
     for (const int64_t l : order) {
         // Column l of T = S A^T sums S[:, j] A[l, j] over the nonzero
         // columns j of row l, in increasing j, from 0.0; then E = T W is the
@@ -268,7 +268,7 @@ bool diagonal_estimator(const SparseDesign& design, const double* w, int64_t L, 
         }
     }
     for (int k = 0; k < kLanes; ++k)
-        if (nonfinite[k] < 0) return false;
+        if (nonfinite[k] >> 63) return false;
     return true;
 }
 

@@ -171,9 +171,9 @@ SBAS_LANE_INLINE void factor(Lanes* lu, Lanes* scale, int* pivots, int64_t n, in
 // Lanes whose factors hold an infinity or a NaN (exponent bits all ones).
 SBAS_LANE_INLINE void find_nonfinite(const Lanes* lu, int64_t cells, int64_t* nonfinite)
 {
-    LaneInts found = {};
+    LaneBits found = {};
     for (int64_t q = 0; q < cells; ++q) SBAS_FLAG_NONFINITE(found, lu[q]);
-    for (int k = 0; k < W; ++k) nonfinite[k] = found[k] < 0;
+    for (int k = 0; k < W; ++k) nonfinite[k] = static_cast<int64_t>(found[k] >> 63);
 }
 
 // The inverse from the factors, column c of x (x[c * n + i]) being what

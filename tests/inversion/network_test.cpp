@@ -209,7 +209,7 @@ PerPixel per_pixel(const CFG& cfg, const std::vector<DATEORDER>& dates, const BA
 
 bool same_bits(const std::vector<float>& a, const std::vector<float>& b)
 {
-    return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0;
+    return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0);
 }
 
 struct GroupingCase {
