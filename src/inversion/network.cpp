@@ -13,21 +13,27 @@
 // Any other pixel is solved through its reduced system, built by
 // com::readoneunwseries3 from its valid interferograms. In the full network
 // the constraint rows weigh temporal_strength, in a reduced system
-// 1/sqrt(temporal_strength); the contract fixes that difference (the
-// ReducedSystem test pins it).
+// 1/sqrt(temporal_strength); the contract fixes that difference
+// (ThreeDates.ReducedSystemWeighsConstraintsByOneOverRootStrength pins it).
+// The weights are diagonal and are held as a vector throughout.
 //
 // A reduced system depends only on which interferograms are valid at the
 // pixel, its pattern, not on their values: every pixel of a pattern has the
 // same design matrix and weights and so the same estimator. Each thread
-// groups the incomplete pixels of its block by pattern (a hash table over
-// the validity bits), forms each pattern's estimator once with the
-// arithmetic a pixel alone would use, and gives every pixel of the pattern
-// x = E y and its fitted values. Patterns are formed eight at a time so that
-// their normal matrices are inverted side by side in vector lanes, and the
-// products E y run with rows of E in the lanes (numerics/lockstep.h). None
-// of this changes a single sum, so a pixel's outputs are the bits solving it
-// alone gives, whatever the batch, the thread count or the other pixels of
-// its pattern (tests/inversion/network_test.cpp compares the two).
+// sorts the pixels of its block (inversion/patterns.h), builds each
+// pattern's system once from its first pixel and forms its estimator with
+// the arithmetic the dense routines use for one pixel (the diagonal-weight
+// halves of numerics/least_squares.h, which give the dense chain's bits,
+// around an inversion). Patterns go eight at a time so that their normal
+// matrices are inverted side by side in vector lanes; then every pixel of a
+// pattern gets x = E y, its fitted values and sigma, chunk by chunk with the
+// pixels or the rows of E in the lanes (numerics/lockstep.h). None of this
+// changes a sum, so a pixel's outputs are the bits solving it alone gives,
+// whatever the batch, the thread count or the other pixels of its pattern
+// (Grouping.EveryPixelGetsTheBitsOfItsOwnSolution compares the two). Where
+// the zero terms of a sum can be left out (factors finite) they are; a
+// system whose estimator holds an infinity or a NaN has its pixels solved
+// one by one with the dense products themselves.
 //
 // Cumulative displacement is rounded to float at each date, sigma is the
 // RMS of the interferogram residuals accumulated in float, and the mean
@@ -37,7 +43,6 @@
 #include <omp.h>
 
 #include <algorithm>
-#include <bit>
 #include <chrono>
 #include <cfloat>
 #include <cmath>
@@ -49,6 +54,7 @@
 
 #include "catalogue/filelist.h"
 #include "catalogue/raster.h"
+#include "inversion/patterns.h"
 #include "numerics/arrays.h"
 #include "numerics/lanes.h"
 #include "numerics/least_squares.h"
@@ -63,26 +69,6 @@ constexpr double kFourPi = 12.566370614359172;
 // Pixels whose observations are gathered and multiplied together.
 constexpr int64_t kChunk = 32;
 constexpr int kLanes = lib::kLockstepLanes;
-
-// A zero-filled block from lib::need, freed with its owner.
-template <typename T>
-class Owned {
-public:
-    Owned() = default;
-    explicit Owned(int64_t n) : data_(lib::need<T>(n)) {}
-    ~Owned() { std::free(data_); }
-    Owned(Owned&& other) noexcept : data_(std::exchange(other.data_, nullptr)) {}
-    Owned& operator=(Owned&& other) noexcept
-    {
-        std::swap(data_, other.data_);
-        return *this;
-    }
-    T* get() const { return data_; }
-    T& operator[](int64_t i) const { return data_[i]; }
-
-private:
-    T* data_ = nullptr;
-};
 
 // The terms of the temporal model's column in the constraint rows:
 // -(t[k+1] - t[k]) / 365.25 for the linear model, -(ln(t[k+1] - t0) -
@@ -152,10 +138,10 @@ struct System {
 
 // The full network's estimator and design, shared read-only by the threads.
 struct FullNetwork {
-    Owned<double> E;
+    lib::Owned<double> E;
     lib::SparseDesign design;
-    Owned<double> A;      // kept only where E is not all finite
-    Owned<int64_t> ifgs;  // 0 .. N-1
+    lib::Owned<double> A;      // kept only where E is not all finite
+    lib::Owned<int64_t> ifgs;  // 0 .. N-1
 };
 
 // True when the M rows of the estimator E (ldE x rows) are all finite.
@@ -171,7 +157,7 @@ FullNetwork full_network(const CFG& cfg, const Network& net, const std::vector<D
                          const BASELINE* baselines)
 {
     const int64_t L = net.L, M = net.M;
-    Owned<double> A(L * M), w(L);
+    lib::Owned<double> A(L * M), w(L);
     for (int64_t i = 0; i < net.N; ++i) {
         const char* name = cfg.ifg_names[i].c_str();
         const int j1 = com::findorder(dates, com::phsfilename2date(name, 1));
@@ -187,12 +173,12 @@ FullNetwork full_network(const CFG& cfg, const Network& net, const std::vector<D
         A[net.model_column * L + r] = model_term(cfg, dates, k);
     }
     FullNetwork full;
-    full.E = Owned<double>(net.ldE * L);
+    full.E = lib::Owned<double>(net.ldE * L);
     lib::EstimatorScratch scratch;
     lib::weighted_estimator(A.get(), w.get(), L, M, full.E.get(), net.ldE, scratch);
     lib::index_design(A.get(), L, M, full.design);
     if (!estimator_finite(net, full.E.get(), L)) full.A = std::move(A);
-    full.ifgs = Owned<int64_t>(net.N);
+    full.ifgs = lib::Owned<int64_t>(net.N);
     for (int64_t k = 0; k < net.N; ++k) full.ifgs[k] = k;
     return full;
 }
@@ -225,8 +211,8 @@ struct Clock {
 
 // Work storage of one thread, chosen by thread number.
 struct Scratch {
-    Owned<double> A, y, E, Y, X, S, w, compact, fitted;
-    Owned<int64_t> ifgs;  // interferograms of each pattern of a lockstep group
+    lib::Owned<double> A, y, E, Y, X, S, w, compact, fitted;
+    lib::Owned<int64_t> ifgs;  // interferograms of each pattern of a lockstep group
     lib::SparseDesign designs[kLanes];
     lib::LockstepScratch lockstep;
     lib::EstimatorScratch estimator;
@@ -390,113 +376,11 @@ void solve_pixels(const Network& net, const System& sys, float* const* stack, co
     }
 }
 
-// The incomplete pixels of one thread's block, grouped by pattern, and its
-// complete pixels.
-struct Grouping {
-    int64_t complete_count = 0;
-    Owned<int64_t> complete;   // pixels valid in every interferogram
-    int64_t pattern_count = 0;
-    Owned<int64_t> members;    // pixels of pattern q at [start[q], start[q + 1])
-    Owned<int64_t> start;
-    Owned<int64_t> n;          // interferogram rows of pattern q
-    int64_t words = 0;         // 64-bit words of a pattern's bits
-    Owned<uint64_t> bits;      // bits of pattern q at [q * words, (q + 1) * words)
-};
-
-uint64_t mix(uint64_t h, uint64_t v)
-{
-    h ^= v + 0x9e3779b97f4a7c15ULL + (h << 6) + (h >> 2);
-    return h * 0xff51afd7ed558ccdULL;
-}
-
-// Groups the pixels of `block`. A pattern is the set of rows of the reduced
-// system: the interferograms valid at the pixel, the first n of them when
-// there are more (n = count[p]), together with n.
-Grouping group_pixels(const CFG& cfg, const Network& net, float* const* stack, const int* count, lib::Block block)
-{
-    Grouping g;
-    const int64_t size = block.end - block.first;
-    g.complete = Owned<int64_t>(size);
-    Owned<int64_t> incomplete(size);
-    int64_t incomplete_count = 0;
-    for (int64_t p = block.first; p < block.end; ++p) {
-        const int64_t n = count[p];
-        if (net.M > n + net.constraints) continue;
-        if (n == cfg.n_ifg) g.complete[g.complete_count++] = p;
-        else incomplete[incomplete_count++] = p;
-    }
-    if (incomplete_count == 0) return g;
-
-    // Validity bits of every pixel of the block, word-major so that each
-    // interferogram's row is scanned in order.
-    const int64_t words = std::max<int64_t>((net.N + 63) / 64, 1);
-    g.words = words;
-    Owned<uint64_t> valid(words * size);
-    for (int64_t k = 0; k < net.N; ++k) {
-        uint64_t* word = valid.get() + (k / 64) * size;
-        const uint64_t bit = uint64_t{1} << (k % 64);
-        const float* row = stack[k] + block.first;
-        for (int64_t i = 0; i < size; ++i) word[i] |= lib::isvalid(row[i]) ? bit : 0;
-    }
-    auto key = [&](int64_t i, uint64_t* out) {
-        const int64_t p = incomplete[i];
-        int64_t left = count[p];
-        for (int64_t w = 0; w < words; ++w) {
-            uint64_t v = left > 0 ? valid[w * size + p - block.first] : 0;
-            // Past the first count[p] valid interferograms no row is built.
-            while (std::popcount(v) > left) v &= ~(uint64_t{1} << (63 - std::countl_zero(v)));
-            left -= std::popcount(v);
-            out[w] = v;
-        }
-    };
-
-    // Open addressing over the patterns, in the order of their first pixel.
-    int64_t capacity = 16;
-    while (capacity < 2 * incomplete_count) capacity *= 2;
-    Owned<int64_t> table(capacity);
-    for (int64_t i = 0; i < capacity; ++i) table[i] = -1;
-    g.bits = Owned<uint64_t>(incomplete_count * words);
-    g.n = Owned<int64_t>(incomplete_count);
-    Owned<int64_t> pattern_of(incomplete_count), sizes(incomplete_count + 1);
-    for (int64_t i = 0; i < incomplete_count; ++i) {
-        uint64_t* candidate = g.bits.get() + g.pattern_count * words;
-        key(i, candidate);
-        const int64_t n = count[incomplete[i]];
-        uint64_t h = mix(0, static_cast<uint64_t>(n));
-        for (int64_t w = 0; w < words; ++w) h = mix(h, candidate[w]);
-        int64_t slot = static_cast<int64_t>(h >> 7) & (capacity - 1);
-        for (;; slot = (slot + 1) & (capacity - 1)) {
-            const int64_t q = table[slot];
-            if (q < 0) {
-                table[slot] = g.pattern_count;
-                g.n[g.pattern_count] = n;
-                pattern_of[i] = g.pattern_count++;
-                break;
-            }
-            if (g.n[q] == n && std::equal(candidate, candidate + words, g.bits.get() + q * words)) {
-                pattern_of[i] = q;
-                break;
-            }
-        }
-        ++sizes[pattern_of[i] + 1];
-    }
-    // Members by counting: pixels stay in increasing order within a pattern.
-    g.start = Owned<int64_t>(g.pattern_count + 1);
-    for (int64_t q = 0; q < g.pattern_count; ++q) g.start[q + 1] = g.start[q] + sizes[q + 1];
-    g.members = Owned<int64_t>(incomplete_count);
-    Owned<int64_t> fill(g.pattern_count);
-    for (int64_t i = 0; i < incomplete_count; ++i) {
-        const int64_t q = pattern_of[i];
-        g.members[g.start[q] + fill[q]++] = incomplete[i];
-    }
-    return g;
-}
-
 // Forms the estimators of patterns [first, first + count) (count at most
 // kLanes), inverting their normal matrices side by side, and solves their
 // pixels.
 void solve_patterns(const CFG& cfg, const Network& net, const std::vector<DATEORDER>& dates,
-                    const BASELINE* baselines, float* const* stack, const int* count, const Grouping& g,
+                    const BASELINE* baselines, float* const* stack, const int* count, const sbas::PixelGroups& g,
                     int64_t first, int count_patterns, Scratch& s, Maps& maps, Clock& clock)
 {
     const int64_t M = net.M;
@@ -506,9 +390,10 @@ void solve_patterns(const CFG& cfg, const Network& net, const std::vector<DATEOR
     auto rows_of = [&](int64_t q) { return g.n[q] + net.constraints; };
     // Builds pattern q's system from its first pixel into s.A, s.y and w.
     // s.A holds zeros between systems: `clear` takes a system's entries out
-    // again (the nonzero ones its index lists, and the DEM column, whose
-    // entries may be zeros of either sign), which costs far less than
-    // zeroing the whole matrix for every pattern.
+    // again (the nonzero ones its index lists, and the whole of the columns
+    // that hold computed values, the DEM and model ones, which may be zeros
+    // of either sign), which costs far less than zeroing the whole matrix
+    // for every pattern.
     auto build = [&](int64_t q, double* w) {
         const int64_t rows = rows_of(q);
         std::fill(s.y.get(), s.y.get() + rows, 0.0);
@@ -521,6 +406,8 @@ void solve_patterns(const CFG& cfg, const Network& net, const std::vector<DATEOR
         for (int64_t l = 0; l < rows; ++l)
             for (int64_t p = d.row_start[l]; p < d.row_start[l + 1]; ++p) s.A[d.columns[p] * rows + l] = 0.0;
         if (net.dem_error) std::fill(s.A.get() + (M - 1) * rows, s.A.get() + M * rows, 0.0);
+        if (net.constraints > 0)
+            std::fill(s.A.get() + net.model_column * rows, s.A.get() + (net.model_column + 1) * rows, 0.0);
     };
     for (int lane = 0; lane < count_patterns; ++lane) {
         const int64_t q = first + lane;
@@ -554,10 +441,7 @@ void solve_patterns(const CFG& cfg, const Network& net, const std::vector<DATEOR
         clock.lap(s.profile.factorising);
         // The pattern's rows: its valid interferograms in list order.
         int64_t* ifgs = s.ifgs.get() + lane * net.N;
-        int64_t observed = 0;
-        const uint64_t* bits = g.bits.get() + q * g.words;
-        for (int64_t k = 0; k < net.N; ++k)
-            if (bits[k / 64] >> (k % 64) & 1) ifgs[observed++] = k;
+        const int64_t observed = g.interferograms(q, net.N, ifgs);
         // After the dense chain s.A holds the pattern's system, for the
         // pixels solved one at a time.
         const System sys{s.E.get(), &s.designs[lane], s.A.get(), ifgs, observed, g.n[q], rows, finite};
@@ -573,7 +457,8 @@ void invert_block(const CFG& cfg, const Network& net, const std::vector<DATEORDE
                   lib::Block block, Scratch& s, Maps& maps, bool timed)
 {
     Clock clock(timed);
-    const Grouping g = group_pixels(cfg, net, stack, count, block);
+    const sbas::PixelGroups g =
+        sbas::group_pixels(stack, count, net.N, cfg.n_ifg, net.M, net.constraints, block);
     sbas::InversionProfile& profile = s.profile;
     profile.complete += g.complete_count;
     profile.patterns += g.pattern_count;
@@ -585,8 +470,8 @@ void invert_block(const CFG& cfg, const Network& net, const std::vector<DATEORDE
     clock.lap(profile.grouping);
 
     if (g.complete_count > 0) {
-        const System sys{full.E.get(), &full.design,    full.A.get(), full.ifgs.get(),
-                         net.N,        net.N,           net.L,        full.A.get() == nullptr};
+        const bool finite = full.A.get() == nullptr;
+        const System sys{full.E.get(), &full.design, full.A.get(), full.ifgs.get(), net.N, net.N, net.L, finite};
         solve_pixels(net, sys, stack, g.complete.get(), g.complete_count, s, maps);
     }
     clock.lap(profile.products);

@@ -17,6 +17,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <type_traits>
 
 #include "numerics/sink.h"
@@ -59,6 +60,31 @@ T* need(int64_t n)
     if (!p && n > 0) out_of_memory();
     return p;
 }
+
+// A block from need<T> that frees itself: for work buffers sized by the
+// input that live as long as a scope or a record. Movable, not copyable.
+template <typename T>
+class Owned {
+public:
+    Owned() = default;
+    explicit Owned(int64_t n) : data_(need<T>(n)) {}
+    ~Owned() { std::free(data_); }
+    Owned(const Owned&) = delete;
+    Owned& operator=(const Owned&) = delete;
+    Owned(Owned&& other) noexcept : data_(other.data_) { other.data_ = nullptr; }
+    Owned& operator=(Owned&& other) noexcept
+    {
+        T* held = data_;
+        data_ = other.data_;
+        other.data_ = held;
+        return *this;
+    }
+    T* get() const { return data_; }
+    T& operator[](int64_t i) const { return data_[i]; }
+
+private:
+    T* data_ = nullptr;
+};
 
 // rows x cols zero-filled floats (lib::free2d_float), or the end of the run
 // when any part fails. rows < 1 gives null.

@@ -1,6 +1,8 @@
 // Whole runs of sbas-ts on small hand-made jobs: what the program prints,
 // the stages it walks, the batches it cuts, and how it stops on bad input.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <memory>
@@ -173,6 +175,35 @@ TEST(Batches, TheBatchTotalAndTheLastBatch)
                                 "Number of pixels to estimate    : 4\n"));
     expect_clean_finish(o);
     EXPECT_EQ(testing_support::read_floats(job->result("least_square_sigma")).size(), 24u);
+}
+
+TEST(Batches, AListOfManyInterferogramsNeedsNoSquareOfItsLength)
+{
+    // 6,000 interferograms of the same two dates: the full network has
+    // 6,000 rows, and a weight matrix held whole would ask for 288 MB. The
+    // run must finish within an address space of 256 MB (left unlimited
+    // under the address sanitizer, which reserves far more for itself).
+    TinyJob job(2, 1);
+    for (int k = 0; k < 6000; ++k) {
+        std::string name = "i";
+        name += std::to_string(k);
+        name += "_20200101_20200113.unw";
+        job.add_ifg(name, {1.0f, 2.0f + 1e-3f * static_cast<float>(k % 97)});
+    }
+    const std::string config = job.config("ref_row 0\nref_col 0\nref_window 1\nmax_parallel_threads 2\n");
+    const Outcome o = testing_support::run_in_child([&] {
+#if !defined(__SANITIZE_ADDRESS__)
+        const rlimit limit{256L << 20, 256L << 20};
+        setrlimit(RLIMIT_AS, &limit);
+#endif
+        std::string program = SBAS_TS_BIN, argument = config;
+        char* argv[] = {program.data(), argument.data(), nullptr};
+        execv(program.c_str(), argv);
+    });
+    EXPECT_TRUE(o.exited) << "signal " << o.signal;
+    EXPECT_TRUE(contains(o.err, "finish!\n")) << o.err.substr(o.err.size() > 2000 ? o.err.size() - 2000 : 0);
+    EXPECT_FALSE(contains(o.err, "Could not allocate memory!"));
+    EXPECT_EQ(testing_support::read_floats(job.result("least_square_sigma")).size(), 2u);
 }
 
 TEST(Batches, ANonPositiveBatchSizeStopsTheRun)
