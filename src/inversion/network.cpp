@@ -20,11 +20,14 @@
 // A reduced system depends only on which interferograms are valid at the
 // pixel, its pattern, not on their values: every pixel of a pattern has the
 // same design matrix and weights and so the same estimator. Each thread
-// sorts the pixels of its block (inversion/patterns.h), builds each
-// pattern's system once from its first pixel and forms its estimator with
-// the arithmetic the dense routines use for one pixel (the diagonal-weight
-// halves of numerics/least_squares.h, which give the dense chain's bits,
-// around an inversion). Patterns go eight at a time so that their normal
+// sorts the pixels of its block (inversion/patterns.h). A pattern's system
+// is the rows of its interferograms, which readoneunwseries3 builds once
+// per batch for all of them (a row depends on its interferogram alone), and
+// its estimator is formed once with the arithmetic the dense routines use
+// for one pixel (the diagonal-weight halves of numerics/least_squares.h,
+// which give the dense chain's bits, around an inversion); where those
+// decline, readoneunwseries3 builds the pattern's system whole for the
+// dense chain. Patterns go eight at a time so that their normal
 // matrices are inverted side by side in vector lanes; then every pixel of a
 // pattern gets x = E y, its fitted values and sigma, chunk by chunk with the
 // pixels or the rows of E in the lanes (numerics/lockstep.h). None of this
@@ -183,6 +186,64 @@ FullNetwork full_network(const CFG& cfg, const Network& net, const std::vector<D
     return full;
 }
 
+// Every row a reduced system can have, as com::readoneunwseries3 builds
+// them for a pixel valid in every interferogram: the row of interferogram k
+// is row k, the constraint rows follow. A row depends on its interferogram
+// alone, so the system readoneunwseries3 builds for any pixel is the rows of
+// its valid interferograms, in list order, then the constraint rows: the
+// patterns take their systems from here instead of building one each.
+struct RowTemplate {
+    lib::SparseDesign design;
+    lib::Owned<double> w;
+};
+
+RowTemplate row_template(const CFG& cfg, const Network& net, const std::vector<DATEORDER>& dates,
+                         const BASELINE* baselines)
+{
+    const int64_t rows = net.N + net.constraints;
+    lib::Owned<float> samples(net.N);
+    lib::Owned<float*> stack(net.N);
+    for (int64_t k = 0; k < net.N; ++k) {
+        samples[k] = 1.0f;
+        stack[k] = samples.get() + k;
+    }
+    const int count[] = {static_cast<int>(net.N)};
+    lib::Owned<double> A(rows * net.M), y(rows);
+    RowTemplate t;
+    t.w = lib::Owned<double>(rows);
+    com::readoneunwseries3(cfg, stack.get(), count, net.M, dates, baselines, 0, net.K, y.get(), A.get(), t.w.get(),
+                           rows);
+    lib::index_design(A.get(), rows, net.M, t.design);
+    return t;
+}
+
+// The system of a pattern from the template: the rows of its `observed`
+// interferograms, zero rows (weight 0) up to n where a count exceeds the
+// valid interferograms, and the constraint rows; design and weights w.
+void select_rows(const RowTemplate& t, const Network& net, const int64_t* ifgs, int64_t observed, int64_t n,
+                 lib::SparseDesign& design, double* w)
+{
+    const int64_t rows = n + net.constraints;
+    design.row_start.resize(static_cast<size_t>(rows + 2));
+    design.columns.clear();
+    design.values.clear();
+    auto copy = [&](int64_t r, int64_t from) {
+        design.row_start[r] = static_cast<int64_t>(design.columns.size());
+        for (int64_t p = t.design.row_start[from]; p < t.design.row_start[from + 1]; ++p) {
+            design.columns.push_back(t.design.columns[p]);
+            design.values.push_back(t.design.values[p]);
+        }
+        w[r] = t.w[from];
+    };
+    for (int64_t r = 0; r < observed; ++r) copy(r, ifgs[r]);
+    for (int64_t r = observed; r < n; ++r) {
+        design.row_start[r] = static_cast<int64_t>(design.columns.size());
+        w[r] = 0.0;
+    }
+    for (int64_t c = 0; c < net.constraints; ++c) copy(n + c, net.N + c);
+    design.row_start[rows] = static_cast<int64_t>(design.columns.size());
+}
+
 // The outputs of one batch, one value per pixel.
 struct Maps {
     float** cumulative = nullptr;  // D - 1 rows
@@ -211,18 +272,34 @@ struct Clock {
 
 // Work storage of one thread, chosen by thread number.
 struct Scratch {
-    lib::Owned<double> A, y, E, Y, X, S, w, compact, fitted;
-    lib::Owned<int64_t> ifgs;  // interferograms of each pattern of a lockstep group
+    lib::Owned<double> y;  // one pixel's observations (most_rows)
+    lib::Owned<double> E;  // a pattern's estimator (ldE x most_rows)
+    lib::Owned<double> Y;  // a chunk's observations (most_rows x kChunk)
+    lib::Owned<double> X;  // a chunk's solutions (M x kChunk)
+    lib::Owned<double> S;  // the normal matrices of a lockstep group (kLanes x M x M)
+    lib::Owned<double> w;  // their weights (kLanes x most_rows)
+    lib::Owned<int64_t> ifgs;  // their interferograms (kLanes x N)
     lib::SparseDesign designs[kLanes];
     lib::LockstepScratch lockstep;
     lib::EstimatorScratch estimator;
+    // Only for systems the dense routines solve: a whole design matrix
+    // (most_rows x M), an estimator without padding (M x most_rows) and
+    // fitted values (most_rows); allocated on first use.
+    lib::Owned<double> A, compact, fitted;
     sbas::InversionProfile profile;
 
     explicit Scratch(const Network& net)
-        : A(net.most_rows * net.M), y(net.most_rows), E(net.ldE * net.most_rows), Y(kChunk * net.most_rows),
-          X(kChunk * net.M), S(kLanes * net.M * net.M), w(kLanes * net.most_rows), compact(net.M * net.most_rows),
-          fitted(net.most_rows), ifgs(kLanes * net.N)
+        : y(net.most_rows), E(net.ldE * net.most_rows), Y(kChunk * net.most_rows), X(kChunk * net.M),
+          S(kLanes * net.M * net.M), w(kLanes * net.most_rows), ifgs(kLanes * net.N)
     {
+    }
+
+    void dense(const Network& net)
+    {
+        if (A.get()) return;
+        A = lib::Owned<double>(net.most_rows * net.M);
+        compact = lib::Owned<double>(net.M * net.most_rows);
+        fitted = lib::Owned<double>(net.most_rows);
     }
 };
 
@@ -326,6 +403,7 @@ void solve_one_by_one(const Network& net, const System& sys, float* const* stack
                       int64_t count, Scratch& s, Maps& maps)
 {
     const int64_t M = net.M;
+    s.dense(net);
     double* compact = s.compact.get();
     for (int64_t l = 0; l < sys.rows; ++l)
         for (int64_t i = 0; i < M; ++i) compact[l * M + i] = sys.E[l * net.ldE + i];
@@ -380,55 +458,44 @@ void solve_pixels(const Network& net, const System& sys, float* const* stack, co
 // kLanes), inverting their normal matrices side by side, and solves their
 // pixels.
 void solve_patterns(const CFG& cfg, const Network& net, const std::vector<DATEORDER>& dates,
-                    const BASELINE* baselines, float* const* stack, const int* count, const sbas::PixelGroups& g,
-                    int64_t first, int count_patterns, Scratch& s, Maps& maps, Clock& clock)
+                    const BASELINE* baselines, const RowTemplate& rows_all, float* const* stack, const int* count,
+                    const sbas::PixelGroups& g, int64_t first, int count_patterns, Scratch& s, Maps& maps,
+                    Clock& clock)
 {
     const int64_t M = net.M;
     bool halves[kLanes] = {};
     double* normal[kLanes];
+    int64_t observed[kLanes];
     int inverted = 0;
-    auto rows_of = [&](int64_t q) { return g.n[q] + net.constraints; };
-    // Builds pattern q's system from its first pixel into s.A, s.y and w.
-    // s.A holds zeros between systems: `clear` takes a system's entries out
-    // again (the nonzero ones its index lists, and the whole of the columns
-    // that hold computed values, the DEM and model ones, which may be zeros
-    // of either sign), which costs far less than zeroing the whole matrix
-    // for every pattern.
-    auto build = [&](int64_t q, double* w) {
-        const int64_t rows = rows_of(q);
-        std::fill(s.y.get(), s.y.get() + rows, 0.0);
-        std::fill(w, w + rows, 0.0);
-        com::readoneunwseries3(cfg, stack, count, M, dates, baselines,
-                               g.members[g.start[q]], net.K, s.y.get(), s.A.get(), w, rows);
-    };
-    auto clear = [&](int lane, int64_t rows) {
-        const lib::SparseDesign& d = s.designs[lane];
-        for (int64_t l = 0; l < rows; ++l)
-            for (int64_t p = d.row_start[l]; p < d.row_start[l + 1]; ++p) s.A[d.columns[p] * rows + l] = 0.0;
-        if (net.dem_error) std::fill(s.A.get() + (M - 1) * rows, s.A.get() + M * rows, 0.0);
-        if (net.constraints > 0)
-            std::fill(s.A.get() + net.model_column * rows, s.A.get() + (net.model_column + 1) * rows, 0.0);
-    };
     for (int lane = 0; lane < count_patterns; ++lane) {
         const int64_t q = first + lane;
+        const int64_t rows = g.n[q] + net.constraints;
         double* w = s.w.get() + lane * net.most_rows;
-        build(q, w);
-        lib::index_design(s.A.get(), rows_of(q), M, s.designs[lane]);
-        clear(lane, rows_of(q));
+        int64_t* ifgs = s.ifgs.get() + lane * net.N;
+        observed[lane] = g.interferograms(q, net.N, ifgs);
+        select_rows(rows_all, net, ifgs, observed[lane], g.n[q], s.designs[lane], w);
         double* S = s.S.get() + lane * M * M;
-        halves[lane] = lib::diagonal_normal_matrix(s.designs[lane], w, rows_of(q), M, S);
+        halves[lane] = lib::diagonal_normal_matrix(s.designs[lane], w, rows, M, S);
         if (halves[lane]) normal[inverted++] = S;
     }
     lib::matinv_lockstep(normal, inverted, M, s.lockstep);
     for (int lane = 0; lane < count_patterns; ++lane) {
         const int64_t q = first + lane;
-        const int64_t rows = rows_of(q);
+        const int64_t rows = g.n[q] + net.constraints;
         double* w = s.w.get() + lane * net.most_rows;
         const double* S = s.S.get() + lane * M * M;
-        bool finite = halves[lane] && lib::diagonal_estimator(s.designs[lane], w, rows, M, S, s.E.get(), net.ldE);
-        const bool dense = !finite;
-        if (dense) {
-            build(q, w);
+        bool finite = halves[lane] && lib::diagonal_estimator(s.designs[lane], w, rows, M, S, s.E.get(), net.ldE,
+                                                              s.estimator.work);
+        if (!finite) {
+            // The dense chain needs the system whole: readoneunwseries3
+            // builds it from the pattern's first pixel, into zeros. It stays
+            // in s.A for the pixels that are then solved one at a time.
+            s.dense(net);
+            std::fill(s.A.get(), s.A.get() + rows * M, 0.0);
+            std::fill(s.y.get(), s.y.get() + rows, 0.0);
+            std::fill(w, w + rows, 0.0);
+            com::readoneunwseries3(cfg, stack, count, M, dates, baselines, g.members[g.start[q]], net.K,
+                                   s.y.get(), s.A.get(), w, rows);
             auto& e = s.estimator;
             e.S.resize(static_cast<size_t>(M * M));
             e.LU.resize(static_cast<size_t>(M * M));
@@ -439,22 +506,17 @@ void solve_patterns(const CFG& cfg, const Network& net, const std::vector<DATEOR
             finite = estimator_finite(net, s.E.get(), rows);
         }
         clock.lap(s.profile.factorising);
-        // The pattern's rows: its valid interferograms in list order.
-        int64_t* ifgs = s.ifgs.get() + lane * net.N;
-        const int64_t observed = g.interferograms(q, net.N, ifgs);
-        // After the dense chain s.A holds the pattern's system, for the
-        // pixels solved one at a time.
-        const System sys{s.E.get(), &s.designs[lane], s.A.get(), ifgs, observed, g.n[q], rows, finite};
+        const int64_t* ifgs = s.ifgs.get() + lane * net.N;
+        const System sys{s.E.get(), &s.designs[lane], s.A.get(), ifgs, observed[lane], g.n[q], rows, finite};
         solve_pixels(net, sys, stack, g.members.get() + g.start[q], g.start[q + 1] - g.start[q], s, maps);
-        if (dense) clear(lane, rows);
         clock.lap(s.profile.products);
     }
 }
 
 // Inverts the pixels of `block` into the maps.
 void invert_block(const CFG& cfg, const Network& net, const std::vector<DATEORDER>& dates,
-                  const BASELINE* baselines, const FullNetwork& full, float* const* stack, const int* count,
-                  lib::Block block, Scratch& s, Maps& maps, bool timed)
+                  const BASELINE* baselines, const FullNetwork& full, const RowTemplate& rows_all,
+                  float* const* stack, const int* count, lib::Block block, Scratch& s, Maps& maps, bool timed)
 {
     Clock clock(timed);
     const sbas::PixelGroups g =
@@ -477,7 +539,7 @@ void invert_block(const CFG& cfg, const Network& net, const std::vector<DATEORDE
     clock.lap(profile.products);
     for (int64_t q = 0; q < g.pattern_count; q += kLanes) {
         const int lanes = static_cast<int>(std::min<int64_t>(kLanes, g.pattern_count - q));
-        solve_patterns(cfg, net, dates, baselines, stack, count, g, q, lanes, s, maps, clock);
+        solve_patterns(cfg, net, dates, baselines, rows_all, stack, count, g, q, lanes, s, maps, clock);
     }
 }
 
@@ -588,6 +650,7 @@ void invert_batch(const CFG& cfg, const std::vector<DATEORDER>& dateorder, const
     // pixel stays 0 (no data).
     if (net.D >= 2 && P > 0) {
         const FullNetwork full = full_network(cfg, net, dateorder, baselines);
+        const RowTemplate rows_all = row_template(cfg, net, dateorder, baselines);
         const int threads = lib::region_threads(cfg.max_parallel_threads);
         std::vector<InversionProfile> profiles(static_cast<size_t>(threads));
 #pragma omp parallel num_threads(threads)
@@ -595,7 +658,8 @@ void invert_batch(const CFG& cfg, const std::vector<DATEORDER>& dateorder, const
             const int thread = omp_get_thread_num();
             const lib::Block pixels = lib::block_of(P, omp_get_num_threads(), thread);
             Scratch own(net);
-            invert_block(cfg, net, dateorder, baselines, full, stack, count, pixels, own, maps, profile != nullptr);
+            invert_block(cfg, net, dateorder, baselines, full, rows_all, stack, count, pixels, own, maps,
+                         profile != nullptr);
             profiles[static_cast<size_t>(thread)] = own.profile;
         }
         if (profile)

@@ -221,7 +221,7 @@ template <int V>
 
 SBAS_VECTOR_CLONES
 bool diagonal_estimator(const SparseDesign& design, const double* w, int64_t L, int64_t M, const double* S,
-                        double* E, int64_t ldE)
+                        double* E, int64_t ldE, EstimatorWork& work)
 {
     if (L < 1 || M < 1) return false;
     const int64_t* start = design.row_start.data();
@@ -234,13 +234,17 @@ bool diagonal_estimator(const SparseDesign& design, const double* w, int64_t L, 
     // S with its columns padded to a multiple of 8 rows by zeros, so that
     // eight rows at a time fill the lanes. E's rows past M receive 0.0.
     const int64_t ldS = (M + kLanes - 1) / kLanes * kLanes;
-    std::vector<double> padded(static_cast<size_t>(ldS * M), 0.0);
+    std::vector<double>& padded = work.padded;
+    padded.assign(static_cast<size_t>(ldS * M), 0.0);
     for (int64_t j = 0; j < M; ++j)
         for (int64_t i = 0; i < M; ++i) padded[static_cast<size_t>(j * ldS + i)] = S[j * M + i];
     // Rows are taken grouped by their number of terms (a counting sort), so
     // that the loop over a row's terms runs the same length many times over
     // and its end is predicted.
-    std::vector<int64_t> order(static_cast<size_t>(L)), first_of(static_cast<size_t>(M + 2), 0);
+    std::vector<int64_t>& order = work.order;
+    std::vector<int64_t>& first_of = work.first_of;
+    order.resize(static_cast<size_t>(L));
+    first_of.assign(static_cast<size_t>(M + 2), 0);
     for (int64_t l = 0; l < L; ++l) ++first_of[static_cast<size_t>(start[l + 1] - start[l] + 1)];
     for (int64_t c = 0; c <= M; ++c) first_of[static_cast<size_t>(c + 1)] += first_of[static_cast<size_t>(c)];
     for (int64_t l = 0; l < L; ++l) order[static_cast<size_t>(first_of[static_cast<size_t>(start[l + 1] - start[l])]++)] = l;
@@ -328,7 +332,7 @@ void weighted_estimator(const double* A, const double* w, int64_t L, int64_t M, 
     double* S = scratch.S.data();
     if (diagonal_normal_matrix(scratch.design, w, L, M, S)) {
         matinv_acc(S, scratch.LU.data(), scratch.pivots.data(), M);
-        if (diagonal_estimator(scratch.design, w, L, M, S, E, ldE)) return;
+        if (diagonal_estimator(scratch.design, w, L, M, S, E, ldE, scratch.work)) return;
     }
     scratch.T.resize(static_cast<size_t>(M * L));
     dense_diagonal_estimator(A, w, L, M, S, scratch.T.data(), scratch.LU.data(), scratch.pivots.data(), E, ldE);

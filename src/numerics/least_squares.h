@@ -53,6 +53,12 @@ void index_design(const double* A, int64_t L, int64_t M, SparseDesign& design);
 // 1, a non-finite entry in A or w, or an overflow in A^T W.
 bool diagonal_normal_matrix(const SparseDesign& design, const double* w, int64_t L, int64_t M, double* S);
 
+// Work space of diagonal_estimator (one per thread).
+struct EstimatorWork {
+    std::vector<double> padded;
+    std::vector<int64_t> order, first_of;
+};
+
 // diagonal_estimator: with S as matinv_acc left it, the estimator E (M x L,
 // column l at E + l * ldE) = S A^T W. ldE must be at least M rounded up to a
 // multiple of 8; the rows past M receive 0.0. Returns false, E unusable,
@@ -60,7 +66,7 @@ bool diagonal_normal_matrix(const SparseDesign& design, const double* w, int64_t
 // S A^T) or when E itself would hold an infinity: a true result leaves E
 // finite.
 bool diagonal_estimator(const SparseDesign& design, const double* w, int64_t L, int64_t M, const double* S,
-                        double* E, int64_t ldE);
+                        double* E, int64_t ldE, EstimatorWork& work);
 
 // The same estimator formed by the dense chain itself, W being held as its
 // diagonal: every product with W runs over all L terms, zeros included, so
@@ -75,6 +81,7 @@ struct EstimatorScratch {
     std::vector<double> S, LU, T;
     std::vector<int> pivots;
     SparseDesign design;
+    EstimatorWork work;
 };
 
 // The estimator E = (A^T W A)^-1 A^T W of one system with W = diag(w), bit

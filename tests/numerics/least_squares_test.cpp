@@ -155,7 +155,8 @@ TEST(DiagonalWeights, WhereTheHalvesDeclineTheDenseChainStillGivesTheBits)
             std::vector<int> pivots(M);
             lib::matinv_acc(S.data(), LU.data(), pivots.data(), M);
             Matrix padded(8 * L);
-            EXPECT_FALSE(lib::diagonal_estimator(design, w.data(), L, M, S.data(), padded.data(), 8)) << what;
+            lib::EstimatorWork work;
+            EXPECT_FALSE(lib::diagonal_estimator(design, w.data(), L, M, S.data(), padded.data(), 8, work)) << what;
         }
         EXPECT_TRUE(same_bits(dense_estimator(A, w, L, M), diagonal_estimator(A, w, L, M, scratch).data())) << what;
     }
