@@ -71,6 +71,7 @@ namespace {
 constexpr double kFourPi = 12.566370614359172;
 // Pixels whose observations are gathered and multiplied together.
 constexpr int64_t kChunk = 32;
+// Patterns formed together, their normal matrices inverted side by side.
 constexpr int kLanes = lib::kLockstepLanes;
 
 // The terms of the temporal model's column in the constraint rows:
@@ -224,7 +225,7 @@ void select_rows(const RowTemplate& t, const Network& net, const int64_t* ifgs, 
                  lib::SparseDesign& design, double* w)
 {
     const int64_t rows = n + net.constraints;
-    design.row_start.resize(static_cast<size_t>(rows + 2));
+    design.row_start.resize(static_cast<size_t>(rows + 1));
     design.columns.clear();
     design.values.clear();
     auto copy = [&](int64_t r, int64_t from) {

@@ -104,68 +104,26 @@ inline double canon(double z) { return z + 0.0; }
 
 }  // namespace
 
-SBAS_VECTOR_CLONES
 void index_design(const double* A, int64_t L, int64_t M, SparseDesign& design)
 {
-    // The entries column by column, skipping runs of eight zeros at once (a
-    // design matrix is mostly zeros; doubling the bits drops the sign, so a
-    // word is 0 exactly for +0.0 and -0.0), then sorted into rows by
-    // counting: taking the columns in increasing order leaves every row's
-    // list sorted.
-    design.row_start.assign(static_cast<size_t>(L > 0 ? L + 2 : 2), 0);
+    // Rows from the columns by counting: taking the columns in increasing
+    // order leaves every row's list sorted.
+    design.row_start.assign(static_cast<size_t>(L > 0 ? L + 1 : 1), 0);
     int64_t* start = design.row_start.data();
-    std::vector<int64_t>& at = design.entry_row;
-    std::vector<int64_t>& column = design.entry_column;
-    // First the blocks of eight rows of a column that hold a nonzero entry,
-    // then their entries. Both lists are written without a branch per item
-    // (every item is stored, the cursor moves past the ones kept), as no
-    // predictor could learn where the nonzero entries are.
-    const int64_t blocks_per_column = (L + kLanes - 1) / kLanes;
-    std::vector<int64_t>& blocks = design.entry_block;
-    if (static_cast<int64_t>(blocks.size()) < M * blocks_per_column + 1)
-        blocks.resize(static_cast<size_t>(M * blocks_per_column + 1));
-    int64_t kept = 0;
-    for (int64_t j = 0; j < M; ++j) {
-        const double* col = A + j * L;
-        int64_t b = 0;
-        for (; (b + 1) * kLanes <= L; ++b) {
-            LaneInts bits = (LaneInts)*reinterpret_cast<const LanesU*>(col + b * kLanes) << 1;
-            bits |= __builtin_shufflevector(bits, bits, 4, 5, 6, 7, 0, 1, 2, 3);
-            bits |= __builtin_shufflevector(bits, bits, 2, 3, 0, 1, 6, 7, 4, 5);
-            bits |= __builtin_shufflevector(bits, bits, 1, 0, 3, 2, 5, 4, 7, 6);
-            blocks[kept] = j * blocks_per_column + b;
-            kept += bits[0] != 0;
-        }
-        if (b < blocks_per_column) blocks[kept++] = j * blocks_per_column + b;  // the short last block
-    }
-    if (static_cast<int64_t>(at.size()) < kept * kLanes + 1) {
-        at.resize(static_cast<size_t>(kept * kLanes + 1));
-        column.resize(at.size());
-    }
-    int64_t nonzeros = 0;
-    for (int64_t k = 0; k < kept; ++k) {
-        const int64_t j = blocks[k] / blocks_per_column;
-        const int64_t first = blocks[k] % blocks_per_column * kLanes;
-        const int64_t end = std::min(first + kLanes, L);
-        const double* col = A + j * L;
-        for (int64_t r = first; r < end; ++r) {
-            const int64_t nonzero = col[r] != 0.0;
-            at[nonzeros] = r;
-            column[nonzeros] = j;
-            nonzeros += nonzero;
-            start[r + 2] += nonzero;
-        }
-    }
-    // start[l + 2] counted row l; summed and shifted by the placing below it
-    // ends as the row starts.
-    for (int64_t l = 0; l < L; ++l) start[l + 2] += start[l + 1];
+    for (int64_t j = 0; j < M; ++j)
+        for (int64_t l = 0; l < L; ++l) start[l + 1] += A[j * L + l] != 0.0;
+    for (int64_t l = 0; l < L; ++l) start[l + 1] += start[l];
+    const int64_t nonzeros = L > 0 ? start[L] : 0;
     design.columns.resize(static_cast<size_t>(nonzeros));
     design.values.resize(static_cast<size_t>(nonzeros));
-    for (int64_t e = 0; e < nonzeros; ++e) {
-        const int64_t slot = start[at[e] + 1]++;
-        design.columns[slot] = column[e];
-        design.values[slot] = A[column[e] * L + at[e]];
-    }
+    std::vector<int64_t> cursor(design.row_start.begin(), design.row_start.end());
+    for (int64_t j = 0; j < M; ++j)
+        for (int64_t l = 0; l < L; ++l) {
+            const double a = A[j * L + l];
+            if (a == 0.0) continue;
+            design.columns[static_cast<size_t>(cursor[l])] = j;
+            design.values[static_cast<size_t>(cursor[l]++)] = a;
+        }
 }
 
 bool diagonal_normal_matrix(const SparseDesign& design, const double* w, int64_t L, int64_t M, double* S)
@@ -194,46 +152,87 @@ bool diagonal_normal_matrix(const SparseDesign& design, const double* w, int64_t
 
 namespace {
 
-// Rows i0 .. i0 + 8V - 1 of column l of E for diagonal_estimator: the sum
+// Rows i0 .. i0 + R*W - 1 of column l of E for diagonal_estimator: the sum
 // over the row's `terms` nonzero entries (from `first`) of S[:, j] A[l, j]
 // in increasing j from 0.0, then canon of its product with w[l]. S is padded
-// (column stride ldS, a multiple of 8, zeros past M).
-template <int V>
+// (column stride ldS, a multiple of 8, zeros past M). An infinite or NaN t
+// makes t * w one too (a finite w, even 0.0), so flagging the products
+// catches both a non-finite T and an overflow.
+template <int W, int R>
 [[gnu::always_inline]] inline void estimator_rows(const int64_t* columns, const double* values, int64_t first,
                                                   int64_t terms, const double* S, int64_t ldS, int64_t i0,
-                                                  double wl, double* e, LaneBits& nonfinite)
+                                                  double wl, double* e, typename Vectors<W>::B& nonfinite)
 {
-    Lanes t[V] = {};
+    using V = typename Vectors<W>::V;
+    using U = typename Vectors<W>::U;
+    V t[R] = {};
     for (int64_t p = first; p < first + terms; ++p) {
         const double a = values[p];
         const double* s = S + columns[p] * ldS + i0;
-        for (int v = 0; v < V; ++v) t[v] += *reinterpret_cast<const LanesU*>(s + v * kLanes) * a;
+        for (int v = 0; v < R; ++v) t[v] += *reinterpret_cast<const U*>(s + v * W) * a;
     }
-    for (int v = 0; v < V; ++v) {
-        const Lanes product = t[v] * wl + 0.0;  // canon(t * w)
-        SBAS_FLAG_NONFINITE(nonfinite, t[v]);
-        SBAS_FLAG_NONFINITE(nonfinite, product);
-        *reinterpret_cast<LanesU*>(e + i0 + v * kLanes) = product;
+    for (int v = 0; v < R; ++v) {
+        const V product = t[v] * wl + 0.0;  // canon(t * w)
+        flag_nonfinite<W>(nonfinite, product);
+        *reinterpret_cast<U*>(e + i0 + v * W) = product;
     }
 }
 
+// diagonal_estimator's products, with W lanes: column l of E for each row l
+// in `order`; false when a T or an E entry is not finite.
+template <int W>
+[[gnu::always_inline]] inline bool estimator_lanes(const SparseDesign& design, const double* w, const int64_t* order,
+                                                   int64_t L, const double* S, int64_t ldS, double* E, int64_t ldE)
+{
+    const int64_t* start = design.row_start.data();
+    const int64_t* columns = design.columns.data();
+    const double* values = design.values.data();
+    typename Vectors<W>::B nonfinite = {};
+    for (int64_t k = 0; k < L; ++k) {
+        const int64_t l = order[k];
+        double* e = E + l * ldE;
+        const int64_t first = start[l], terms = start[l + 1] - start[l];
+        // Up to eight vectors a pass keep their sums in registers.
+        for (int64_t i0 = 0; i0 < ldS; i0 += 8 * W) {
+            switch (std::min<int64_t>(8, (ldS - i0) / W)) {
+                case 8: estimator_rows<W, 8>(columns, values, first, terms, S, ldS, i0, w[l], e, nonfinite); break;
+                case 7: estimator_rows<W, 7>(columns, values, first, terms, S, ldS, i0, w[l], e, nonfinite); break;
+                case 6: estimator_rows<W, 6>(columns, values, first, terms, S, ldS, i0, w[l], e, nonfinite); break;
+                case 5: estimator_rows<W, 5>(columns, values, first, terms, S, ldS, i0, w[l], e, nonfinite); break;
+                case 4: estimator_rows<W, 4>(columns, values, first, terms, S, ldS, i0, w[l], e, nonfinite); break;
+                case 3: estimator_rows<W, 3>(columns, values, first, terms, S, ldS, i0, w[l], e, nonfinite); break;
+                case 2: estimator_rows<W, 2>(columns, values, first, terms, S, ldS, i0, w[l], e, nonfinite); break;
+                default: estimator_rows<W, 1>(columns, values, first, terms, S, ldS, i0, w[l], e, nonfinite); break;
+            }
+        }
+    }
+    for (int k = 0; k < W; ++k)
+        if (nonfinite[k] >> 63) return false;
+    return true;
+}
+
+SBAS_BY_WIDTH(bool, estimator_by_width, estimator_lanes,
+              (const SparseDesign& design, const double* w, const int64_t* order, int64_t L, const double* S,
+               int64_t ldS, double* E, int64_t ldE),
+              (design, w, order, L, S, ldS, E, ldE))
+
 }  // namespace
 
-SBAS_VECTOR_CLONES
 bool diagonal_estimator(const SparseDesign& design, const double* w, int64_t L, int64_t M, const double* S,
                         double* E, int64_t ldE, EstimatorWork& work)
 {
     if (L < 1 || M < 1) return false;
     const int64_t* start = design.row_start.data();
-    const int64_t* columns = design.columns.data();
-    const double* values = design.values.data();
     // The next product skips zeros of A and so needs S finite (the inverse
     // of a nearly singular matrix may overflow); the last one skips zeros of
     // W and needs w finite.
-    if (!all_finite(S, M * M) || !all_finite(w, L) || !all_finite(values, start[L])) return false;
-    // S with its columns padded to a multiple of 8 rows by zeros, so that
-    // eight rows at a time fill the lanes. E's rows past M receive 0.0.
-    const int64_t ldS = (M + kLanes - 1) / kLanes * kLanes;
+    if (!all_finite(S, M * M) || !all_finite(w, L) || !all_finite(design.values.data(), start[L])) return false;
+    // Column l of T = S A^T sums S[:, j] A[l, j] over the nonzero columns j
+    // of row l, in increasing j, from 0.0; then E = T W is the single term
+    // T[i, l] w[l] per element (canon of the product), which needs T finite.
+    // S is copied with its columns padded to a multiple of 8 rows by zeros,
+    // so that vectors of rows fill the lanes; E's rows past M receive 0.0.
+    const int64_t ldS = (M + 7) / 8 * 8;
     std::vector<double>& padded = work.padded;
     padded.assign(static_cast<size_t>(ldS * M), 0.0);
     for (int64_t j = 0; j < M; ++j)
@@ -247,33 +246,9 @@ bool diagonal_estimator(const SparseDesign& design, const double* w, int64_t L, 
     first_of.assign(static_cast<size_t>(M + 2), 0);
     for (int64_t l = 0; l < L; ++l) ++first_of[static_cast<size_t>(start[l + 1] - start[l] + 1)];
     for (int64_t c = 0; c <= M; ++c) first_of[static_cast<size_t>(c + 1)] += first_of[static_cast<size_t>(c)];
-    for (int64_t l = 0; l < L; ++l) order[static_cast<size_t>(first_of[static_cast<size_t>(start[l + 1] - start[l])]++)] = l;
-
-    LaneBits nonfinite = {};
-    for (const int64_t l : order) {
-        // Column l of T = S A^T sums S[:, j] A[l, j] over the nonzero
-        // columns j of row l, in increasing j, from 0.0; then E = T W is the
-        // single term T[i, l] w[l] per element (canon of the product), which
-        // needs T finite. Up to 64 rows a pass keep their sums in registers.
-        double* e = E + l * ldE;
-        const int64_t first = start[l], terms = start[l + 1] - start[l];
-        const double* s = padded.data();
-        for (int64_t i0 = 0; i0 < ldS; i0 += 8 * kLanes) {
-            switch (std::min<int64_t>(8, (ldS - i0) / kLanes)) {
-                case 8: estimator_rows<8>(columns, values, first, terms, s, ldS, i0, w[l], e, nonfinite); break;
-                case 7: estimator_rows<7>(columns, values, first, terms, s, ldS, i0, w[l], e, nonfinite); break;
-                case 6: estimator_rows<6>(columns, values, first, terms, s, ldS, i0, w[l], e, nonfinite); break;
-                case 5: estimator_rows<5>(columns, values, first, terms, s, ldS, i0, w[l], e, nonfinite); break;
-                case 4: estimator_rows<4>(columns, values, first, terms, s, ldS, i0, w[l], e, nonfinite); break;
-                case 3: estimator_rows<3>(columns, values, first, terms, s, ldS, i0, w[l], e, nonfinite); break;
-                case 2: estimator_rows<2>(columns, values, first, terms, s, ldS, i0, w[l], e, nonfinite); break;
-                default: estimator_rows<1>(columns, values, first, terms, s, ldS, i0, w[l], e, nonfinite); break;
-            }
-        }
-    }
-    for (int k = 0; k < kLanes; ++k)
-        if (nonfinite[k] >> 63) return false;
-    return true;
+    for (int64_t l = 0; l < L; ++l)
+        order[static_cast<size_t>(first_of[static_cast<size_t>(start[l + 1] - start[l])]++)] = l;
+    return estimator_by_width(design, w, order.data(), L, padded.data(), ldS, E, ldE);
 }
 
 void dense_diagonal_estimator(const double* A, const double* w, int64_t L, int64_t M, double* S, double* T,

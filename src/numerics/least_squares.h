@@ -33,10 +33,9 @@ void weighted_linear_function_nonewmatrix(const double* A, const double* W, int6
 // Reused from system to system (one per thread); once large enough it stops
 // allocating.
 struct SparseDesign {
-    std::vector<int64_t> row_start;  // L + 1 entries (one more held as work space)
+    std::vector<int64_t> row_start;  // L + 1 entries (or more)
     std::vector<int64_t> columns;
     std::vector<double> values;
-    std::vector<int64_t> entry_row, entry_column, entry_block;  // work space of index_design
 };
 
 // Indexes the nonzero entries of A (L x M) into `design`.

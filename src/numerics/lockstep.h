@@ -11,7 +11,7 @@
 
 namespace lib {
 
-// Problems inverted side by side by matinv_lockstep.
+// The most matrices one call of matinv_lockstep takes.
 inline constexpr int kLockstepLanes = 8;
 
 // Work storage of matinv_lockstep (one per thread); it grows to the largest
@@ -23,9 +23,9 @@ struct LockstepScratch {
 };
 
 // Inverts the n x n column-major matrices a[0 .. count) in place, count at
-// most kLockstepLanes: each matrix ends exactly as matinv_acc would leave it
-// (its inverse, or its old contents when it is singular). The matrices must
-// not overlap.
+// most kLockstepLanes, side by side in the lanes of the machine's vectors:
+// each matrix ends exactly as matinv_acc would leave it (its inverse, or its
+// old contents when it is singular). The matrices must not overlap.
 void matinv_lockstep(double* const* a, int count, int64_t n, LockstepScratch& scratch);
 
 // X = E Y for `count` right-hand sides side by side: E is M x n, column l at
