@@ -11,8 +11,8 @@
 // no sum changes order and no multiply-add is fused, so each lane does
 // exactly the scalar arithmetic and every width gives the same bits.
 //
-// A build may define SBAS_LANE_WIDTH (with the matching -m flags) to compile
-// the one width alone: that is how the other widths are checked on a
+// A build may define SBAS_LANE_WIDTH (CMake option of the same name) to
+// compile one width alone: that is how the narrower widths are checked on a
 // machine that would pick AVX-512.
 #pragma once
 
