@@ -10,8 +10,11 @@
 //   - the I/O floor: reading every interferogram file once, whole;
 //   - the stack loader over the whole grid, batch by batch;
 //   - the inversion of every batch (loader excluded), with its pattern
-//     counts and the time of its stages (grouping the pixels by pattern,
-//     forming the estimators, the products and fitted values, writing);
+//     counts and the time of its stages: grouping the pixels by pattern,
+//     factorising (building each pattern's system, its normal matrix, the
+//     inversion and the estimator), the products x = E y with the fitted
+//     values and sigma, and writing the maps (the parallel stages as thread
+//     time divided by the thread count);
 // and prints pixels per second and the ratio of the inversion time to the
 // I/O floor. Finally it runs the sbas-ts program on the first job with two
 // batch sizes and reports the peak resident memory of each run, which is
@@ -221,7 +224,7 @@ void measure_stack(const char* title, const std::string& config, const std::vect
     io_floor(cfg, pixels);  // warms the page cache
     const double floor = io_floor(cfg, pixels);
     std::printf("I/O floor (every file read once): %.2f s (%.0f MiB/s)\n", floor, megabytes / floor);
-    std::printf("threads  loader (x floor)  inversion  grouping  estimators  products  writing   pixels/s"
+    std::printf("threads  loader (x floor)  inversion  grouping  factorising  products  writing   pixels/s"
                 "  inversion / floor\n");
     sbas::InversionProfile counts;
     for (int threads : thread_counts) {
@@ -230,7 +233,7 @@ void measure_stack(const char* title, const std::string& config, const std::vect
         const sbas::InversionProfile& p = t.profile;
         // The parallel stages are summed over the threads; shown per thread.
         const double per = static_cast<double>(threads);
-        std::printf("%7d  %6.2f s (%5.1f)  %7.2f s  %6.2f s  %8.2f s  %6.2f s  %5.2f s  %9.0f  %17.0f\n", threads,
+        std::printf("%7d  %6.2f s (%5.1f)  %7.2f s  %6.2f s  %9.2f s  %6.2f s  %5.2f s  %9.0f  %17.0f\n", threads,
                     loaded.load, loaded.load / floor, t.invert, p.grouping / per, p.factorising / per,
                     p.products / per, p.writing, static_cast<double>(pixels) / t.invert, t.invert / floor);
         if (threads == thread_counts.front()) counts = p;
