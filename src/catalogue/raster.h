@@ -37,9 +37,13 @@ void read_raster(const char* path, int64_t first, int64_t count, float* out);
 // Opens an output file of the run with the stdio `mode` "w", "wb" (a new
 // file, replacing what stands at `path`) or "ab" (appending). Outputs never
 // write through a symbolic link: a link standing at the path is replaced by
-// a new file for "w"/"wb", and refused for "ab". A path that cannot be
-// opened ends the run with the message of lib::fopen_zq. Every output of
-// every stage is opened here.
+// a new file for "w"/"wb", and refused for "ab". Anything else at the path
+// that is not a regular file (a directory, a named pipe, a device) ends the
+// run with lib::refuse_not_regular, and the open never waits. A path that
+// cannot be opened ends the run with the message of lib::fopen_zq. Every
+// output of every stage is opened here. The driver has made sure before the
+// first stage that no output path is one of the run's inputs
+// (sbas::refuse_outputs_over_inputs).
 FILE* open_output(const char* path, const char* mode);
 
 // Streams whole rasters: for each name of `names` in order, reads

@@ -47,10 +47,11 @@ TEST(FieldSplitting, FieldsAreCutAt199Characters)
     const std::string longest(400, 'x');
     const std::string line = "key " + longest + " tail";
     char out[lib::kFieldBytes];
-    lib::substr(out, line.c_str(), 2);
+    EXPECT_EQ(lib::substr(out, line.c_str(), 2), 400u);  // the length before the cut, for readers to refuse
     EXPECT_EQ(std::string(out), std::string(199, 'x'));
-    lib::substr(out, line.c_str(), 3);
+    EXPECT_EQ(lib::substr(out, line.c_str(), 3), 4u);
     EXPECT_STREQ(out, "tail");
+    EXPECT_EQ(lib::substr(out, line.c_str(), 4), 0u);
 }
 
 TEST(FieldSplitting, LeadingSpacesAreStrippedButTabsStay)
@@ -85,13 +86,15 @@ TEST(NumberPrefixes, DoublesReadTheirFloatingPointPrefix)
     EXPECT_DOUBLE_EQ(lib::double_prefix("3.14\r"), 3.14);
 }
 
+// Each line handed over, prefixed with its number in the file.
 std::vector<std::string> lines_of(const std::string& text, bool stop_at_empty_read)
 {
     testing_support::TempDir dir;
     testing_support::write_text(dir / "f", text);
     FILE* f = std::fopen((dir / "f").c_str(), "r");
     std::vector<std::string> seen;
-    lib::for_each_line(f, stop_at_empty_read, [&](char* line) { seen.emplace_back(line); });
+    lib::for_each_line(f, "f", stop_at_empty_read,
+                       [&](char* line, long number) { seen.push_back(std::to_string(number) + ":" + line); });
     std::fclose(f);
     return seen;
 }
@@ -100,27 +103,29 @@ TEST(ReadingLoop, LastLineTwiceUnlessStoppingAtAnEmptyRead)
 {
     using Lines = std::vector<std::string>;
     const std::tuple<std::string, bool, Lines> cases[] = {
-        {"a\nb\n", false, {"a\n", "b\n", "b\n"}},  // end of file is seen one read late
-        {"a\nb", false, {"a\n", "b"}},
-        {"", false, {""}},
-        {"a\nb\n", true, {"a\n", "b\n"}},
-        {"a\nb", true, {"a\n", "b"}},
-        {"a\n\n", true, {"a\n", "\n"}},
+        {"a\nb\n", false, {"1:a\n", "2:b\n", "3:b\n"}},  // end of file is seen one read late
+        {"a\nb", false, {"1:a\n", "2:b"}},
+        {"", false, {"1:"}},
+        {"a\nb\n", true, {"1:a\n", "2:b\n"}},
+        {"a\nb", true, {"1:a\n", "2:b"}},
+        {"a\n\n", true, {"1:a\n", "2:\n"}},
         {"", true, {}},
-        {std::string(1500, 'k') + "\n", true, {std::string(998, 'k'), std::string(502, 'k') + "\n"}},
+        {std::string(1500, 'k') + "\nz", true, {"1:" + std::string(998, 'k'), "1:" + std::string(502, 'k') + "\n", "2:z"}},
     };
     for (const auto& [text, stop, expected] : cases) EXPECT_EQ(lines_of(text, stop), expected) << text.size();
 }
 
-TEST(ReadingLoop, ADirectoryEndsTheLoopInsteadOfSpinning)
+TEST(ReadingLoop, AFailedReadStopsTheRunInsteadOfEndingTheFile)
 {
     testing_support::TempDir dir;
-    FILE* f = std::fopen(dir.path().c_str(), "r");
-    ASSERT_NE(f, nullptr);
-    int calls = 0;
-    lib::for_each_line(f, false, [&](char*) { ++calls; });
-    std::fclose(f);
-    EXPECT_LE(calls, 1);
+    testing_support::write_text(dir / "f", "a\n");
+    const auto o = testing_support::run_in_child([&] {
+        FILE* f = std::fopen((dir / "f").c_str(), "a");  // reading a stream open for writing fails
+        lib::for_each_line(f, "the file", true, [](char*) {});
+    });
+    EXPECT_TRUE(o.exited);
+    EXPECT_EQ(o.status, 0);
+    EXPECT_EQ(o.err, "the file could not be read: Bad file descriptor\n");
 }
 
 }  // namespace
