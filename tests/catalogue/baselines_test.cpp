@@ -53,6 +53,9 @@ TEST(Baselines, LinesValuesAndStops)
         {"20170102_20170314 -99999.01\n", one, "baseline for 20170102-20170314 not found\n", kErr},
         {"20170102_20170314 -100000\n", one, "baseline for 20170102-20170314 not found\n", kErr},
         {"20170102_20170314 nan\n", one, "baseline for 20170102-20170314 not found\n", kErr},
+        {"20170102_20170314 inf\n", one, "baseline for 20170102-20170314 not found\n", kErr},
+        {"20170102_20170314 1e39\n", one, "baseline for 20170102-20170314 not found\n", kErr},  // beyond float
+        {"20170102_20170314 3e38\n", one, got + "3e+38\n", kServed},
         {"20170314_20170102 -35.2\n", one, "baseline for 20170102-20170314 not found\n", kErr},  // reversed
         {"20170102 20170314 -35.2\n", one, "baseline for 20170102-20170314 not found\n", kErr},  // two fields
         {"", {"b_20170525_20170314", "a_20170102_20170314"}, "baseline for 20170525-20170314 not found\n", kErr},
