@@ -21,6 +21,7 @@
 #include <cstring>
 #include <vector>
 
+#include "app/job_checks.h"
 #include "catalogue/baselines.h"
 #include "catalogue/dates.h"
 #include "catalogue/filelist.h"
@@ -71,9 +72,7 @@ void run_filter(Filter filter, CFG /*own copy for the filter*/)
 void loop_closure_stage(const CFG& cfg, int64_t pixels, float* mask)
 {
     const com::Path mask_path = com::join_path(cfg.resultfolder, "phase_loop_closure_mask");
-    FILE* existing = std::fopen(mask_path.c_str(), "rb");
-    const bool reuse = existing && cfg.if_use_existing_phasemask != 0;
-    if (existing) std::fclose(existing);
+    const bool reuse = lib::opens_for_reading(mask_path.c_str()) && cfg.if_use_existing_phasemask != 0;
     if (reuse) {
         std::fputs("Use existing phase closure mask\n", stderr);
     } else {
@@ -125,6 +124,11 @@ void delete_corrected_copies(const CFG& cfg)
 void sbas_allocate_area(const char* config_path)
 {
     CFG cfg = lib::loadcfg(config_path);
+    // Before any stage writes: a thread count the machine can run, a list to
+    // work on, and no output over an input.
+    cfg.max_parallel_threads = lib::usable_threads(cfg.max_parallel_threads);
+    require_interferograms(cfg);
+    refuse_outputs_over_inputs(cfg, config_path);
     const bool reference_consumer = cfg.if_check_loop_closure == 1 || cfg.if_inverse_time_series == 1 ||
                                     cfg.if_stacking == 1;
 
@@ -141,6 +145,8 @@ void sbas_allocate_area(const char* config_path)
     float* mask = lib::need<float>(pixels);
 
     if (cfg.if_check_loop_closure == 1) loop_closure_stage(cfg, pixels, mask);
+    // The check may have rejected every interferogram.
+    if (cfg.if_inverse_time_series != 0 || cfg.if_stacking == 1) require_interferograms(cfg);
 
     // The corrections switch the run to their corrected copies; the
     // elevation-dependent one runs first.
@@ -171,8 +177,10 @@ void sbas_allocate_area(const char* config_path)
 
     if (cfg.if_stacking == 1) not_available("Linear stacking");
 
-    if (cfg.if_inverse_time_series != 0)
+    if (cfg.if_inverse_time_series != 0) {
+        warn_physical_settings(cfg);
         invert_in_batches(cfg, header, dates, baselines, reference_values, mask);
+    }
 
     if (corrections_ran && cfg.if_keep_corrected_ifg == 0 &&
         (cfg.if_inverse_time_series == 1 || cfg.if_stacking == 1))
@@ -185,8 +193,7 @@ void sbas_allocate_area(const char* config_path)
     // The filters work on the interferograms the loop-closure check kept, under
     // their list names, also when the list was left by an earlier run.
     const com::Path used = com::join_path(cfg.resultfolder, "filelist_used");
-    if (FILE* list = std::fopen(used.c_str(), "r")) {
-        std::fclose(list);
+    if (lib::opens_for_reading(used.c_str())) {
         std::snprintf(cfg.filelist, sizeof cfg.filelist, "%s", used.c_str());
         com::readfilenamelist(&cfg, cfg.filelist);
     }
