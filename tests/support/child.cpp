@@ -4,6 +4,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <csignal>
+#include <thread>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -21,7 +24,24 @@ std::string slurp_and_remove(const std::string& path)
     return text;
 }
 
-Outcome run_forked(const std::function<void()>& in_child)
+// Waits for `pid` up to `limit_seconds`, then kills it.
+int wait_with_limit(pid_t pid, int limit_seconds, bool& timed_out)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(limit_seconds);
+    int raw = 0;
+    while (waitpid(pid, &raw, WNOHANG) == 0) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            timed_out = true;
+            kill(pid, SIGKILL);
+            waitpid(pid, &raw, 0);
+            break;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return raw;
+}
+
+Outcome run_forked(const std::function<void()>& in_child, int limit_seconds)
 {
     char out_name[] = "/tmp/sbas-test-out-XXXXXX";
     char err_name[] = "/tmp/sbas-test-err-XXXXXX";
@@ -41,9 +61,8 @@ Outcome run_forked(const std::function<void()>& in_child)
     }
     close(out_fd);
     close(err_fd);
-    int raw = 0;
-    waitpid(pid, &raw, 0);
     Outcome outcome;
+    const int raw = wait_with_limit(pid, limit_seconds, outcome.timed_out);
     outcome.exited = WIFEXITED(raw);
     if (outcome.exited) outcome.status = WEXITSTATUS(raw);
     if (WIFSIGNALED(raw)) outcome.signal = WTERMSIG(raw);
@@ -54,7 +73,10 @@ Outcome run_forked(const std::function<void()>& in_child)
 
 }  // namespace
 
-Outcome run_in_child(const std::function<void()>& body) { return run_forked(body); }
+Outcome run_in_child(const std::function<void()>& body, int limit_seconds)
+{
+    return run_forked(body, limit_seconds);
+}
 
 std::string capture_stderr(const std::function<void()>& body)
 {
@@ -72,9 +94,9 @@ std::string capture_stderr(const std::function<void()>& body)
     return slurp_and_remove(name);
 }
 
-Outcome run_program(const std::vector<std::string>& args, const std::string& cwd)
+Outcome run_program(const std::vector<std::string>& args, const std::string& cwd, int limit_seconds)
 {
-    return run_forked([&] {
+    const auto start = [&] {
         if (chdir(cwd.c_str()) != 0) _exit(126);
         std::vector<char*> argv;
         std::string program = SBAS_TS_BIN;
@@ -84,7 +106,8 @@ Outcome run_program(const std::vector<std::string>& args, const std::string& cwd
         argv.push_back(nullptr);
         execv(program.c_str(), argv.data());
         _exit(127);
-    });
+    };
+    return run_forked(start, limit_seconds);
 }
 
 TempDir::TempDir()

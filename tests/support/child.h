@@ -15,6 +15,7 @@ struct Outcome {
     bool exited = false;      // ended by exit, not by a signal
     int status = -1;          // exit status when exited
     int signal = 0;           // signal number otherwise
+    bool timed_out = false;   // killed (SIGKILL) for running past its time limit
     std::string out;          // standard output
     std::string err;          // standard error
 };
@@ -23,17 +24,18 @@ struct Outcome {
 inline constexpr int kReturned = 77;
 
 // Runs body() in a forked child; the child exits with kReturned when body
-// returns. Output is captured through files, so any amount is fine. The body
+// returns, and is killed when it runs past `limit_seconds`. Output is captured through files, so any amount is fine. The body
 // must not enter an OpenMP parallel region: once this process has started
 // OpenMP threads, the runtime hangs in a forked child. Code that returns is
 // captured in-process with capture_stderr instead.
-Outcome run_in_child(const std::function<void()>& body);
+Outcome run_in_child(const std::function<void()>& body, int limit_seconds = 120);
 
 // Runs body() in this process and returns what it wrote to standard error.
 std::string capture_stderr(const std::function<void()>& body);
 
-// Runs the sbas-ts program with `args` in the folder `cwd`.
-Outcome run_program(const std::vector<std::string>& args, const std::string& cwd = ".");
+// Runs the sbas-ts program with `args` in the folder `cwd`; a run past
+// `limit_seconds` is killed (a hang is a failure, not a stuck test suite).
+Outcome run_program(const std::vector<std::string>& args, const std::string& cwd = ".", int limit_seconds = 120);
 
 // A fresh folder under the system's temporary folder, removed with its
 // contents when the object goes out of scope.
