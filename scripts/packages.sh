@@ -2,7 +2,7 @@
 # Sourced by test.sh and demo.sh; works as root or through sudo.
 
 sbas_install_packages() {
-    local needed=(g++ cmake make libfftw3-dev libgtest-dev)
+    local needed=(g++ cmake make libfftw3-dev libgtest-dev clang libclang-rt-14-dev libomp-dev)
     local missing=()
     local p
     for p in "${needed[@]}"; do
