@@ -33,6 +33,7 @@
 #include "numerics/arrays.h"
 #include "numerics/parallel.h"
 #include "reference/ref_point.h"
+#include "stacking/stacking.h"
 
 namespace sbas {
 namespace {
@@ -169,7 +170,7 @@ void sbas_allocate_area(const char* config_path)
     cfg.n_ifg = static_cast<int>(cfg.ifg_names.size());
     cfg.n_date = static_cast<int>(dates.size());
 
-    if (cfg.if_stacking == 1) not_available("Linear stacking");
+    if (cfg.if_stacking == 1) rstacking::start_rstacking(cfg, mask, reference_values);
 
     if (cfg.if_inverse_time_series != 0)
         invert_in_batches(cfg, header, dates, baselines, reference_values, mask);

@@ -111,10 +111,10 @@ TEST(Stages, StagesThatAreNotBuiltAreNamedAndSkipped)
 {
     auto job = three_date_job();
     const Outcome o = run_quick({job->config("if_check_loop_closure 1\nif_remove_eds 1\nif_remove_orbit 1\n"
-                                             "if_stacking 1\nif_apply_filter 3\n")});
+                                             "if_apply_filter 3\n")});
     expect_clean_finish(o);
     for (const char* stage : {"The loop-closure check", "The elevation-dependent correction",
-                              "The orbital ramp correction", "Linear stacking", "The temporal filter",
+                              "The orbital ramp correction", "The temporal filter",
                               "The spatial filter"})
         EXPECT_TRUE(contains(o.err, std::string(stage) + " is not available yet in this version of sbas-ts; skipped\n"))
             << stage;
