@@ -48,7 +48,8 @@ struct RunningMoments {
         const double m_old =
             previous == PreviousMean::rounded_to_float ? static_cast<double>(static_cast<float>(mean)) : mean;
         const double m_new = ((k - 1) * m_old + x) / k;
-        variance = (k - 2) * variance / (k - 1) + (m_old - m_new) * (m_old - m_new) + (x - m_new) * (x - m_new) / (k - 1);
+        variance = (k - 2) * variance / (k - 1) + (m_old - m_new) * (m_old - m_new) +
+                   (x - m_new) * (x - m_new) / (k - 1);
         mean = m_new;
     }
 };

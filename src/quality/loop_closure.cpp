@@ -92,7 +92,9 @@ std::vector<LOOPORDER> find_loops(const CFG& cfg)
             std::sort(set.begin(), set.end());
             const size_t dates = static_cast<size_t>(std::unique(set.begin(), set.end()) - set.begin());
             if (dates > 3) continue;
-            const auto in_set = [&](int64_t date) { return std::find(set.begin(), set.begin() + dates, date) != set.begin() + dates; };
+            const auto in_set = [&](int64_t date) {
+                return std::find(set.begin(), set.begin() + dates, date) != set.begin() + dates;
+            };
             int64_t k = j + 1;
             while (k < n && !(in_set(first[k]) && in_set(second[k]))) ++k;
             if (k == n) continue;
@@ -203,6 +205,14 @@ void write_pixels(const char* folder, const char* name, int64_t pixels, float& s
     });
 }
 
+// Closes a text output; a failed write (a full disk) ends the run rather
+// than leave a shortened list behind.
+void close_text(FILE* stream, const char* path)
+{
+    const bool failed = std::ferror(stream) != 0;
+    if (std::fclose(stream) != 0 || failed) lib::die("%s could not be written\n", path);
+}
+
 // What an automatic threshold is made of: the running mean and the standard
 // deviation of the values counted, and whether any value was counted.
 struct Spread {
@@ -297,10 +307,12 @@ void remove_ifg_by_loop_closure_with_reference(CFG* cfg, const float* reference_
     }
     const Spread ifg_spread = spread(ifg_std);
     if (cfg->whole_ifg_closure_std_threshold < 0)
-        cfg->whole_ifg_closure_std_threshold = static_cast<float>(cfg->confidence_level * ifg_spread.std + ifg_spread.mean);
+        cfg->whole_ifg_closure_std_threshold =
+            static_cast<float>(cfg->confidence_level * ifg_spread.std + ifg_spread.mean);
     if (!ifg_spread.counted) cfg->whole_ifg_closure_std_threshold = kNoLoopThreshold;
 
-    FILE* statistics = com::open_output(com::join_path(cfg->resultfolder, "filelist_statistics").c_str(), "w");
+    const com::Path statistics_path = com::join_path(cfg->resultfolder, "filelist_statistics");
+    FILE* statistics = com::open_output(statistics_path.c_str(), "w");
     std::fputs("filename  mean_phase_closure_std   number_of_loops if_used\n", statistics);
     if (cfg->if_delete_bad_ifgs == 0) {
         for (int64_t k = 0; k < n_ifg; ++k) {
@@ -308,14 +320,15 @@ void remove_ifg_by_loop_closure_with_reference(CFG* cfg, const float* reference_
             std::fprintf(statistics, "%s %7.2f %4d YES\n", cfg->ifg_names[k].c_str(),
                          looped ? ifgs[k].std_sum : kNoLoopStd, static_cast<int>(ifgs[k].loops));
         }
-        std::fclose(statistics);
+        close_text(statistics, statistics_path.c_str());
     } else {
         std::fputs("\n=>Deleting bad ifgs based on averaged phase closure std\n", stderr);
         std::fprintf(stderr, "Whole_ifg_closure_std_threshod : %.3f\n", cfg->whole_ifg_closure_std_threshold);
         const com::Path used_path = com::join_path(cfg->resultfolder, "filelist_used");
         std::snprintf(cfg->filelist, sizeof cfg->filelist, "%s", used_path.c_str());
         FILE* used = com::open_output(cfg->filelist, "w");
-        FILE* deleted = com::open_output(com::join_path(cfg->resultfolder, "filelist_deleted").c_str(), "w");
+        const com::Path deleted_path = com::join_path(cfg->resultfolder, "filelist_deleted");
+        FILE* deleted = com::open_output(deleted_path.c_str(), "w");
         for (int64_t k = 0; k < n_ifg; ++k) {
             const char* name = cfg->ifg_names[k].c_str();
             const double mean_std = ifgs[k].std_sum;
@@ -338,9 +351,9 @@ void remove_ifg_by_loop_closure_with_reference(CFG* cfg, const float* reference_
                 std::fprintf(statistics, "%s %7.2f %4d YES\n", name, mean_std, count);
             }
         }
-        std::fclose(statistics);
-        std::fclose(used);
-        std::fclose(deleted);
+        close_text(statistics, statistics_path.c_str());
+        close_text(used, used_path.c_str());
+        close_text(deleted, deleted_path.c_str());
         com::readfilenamelist(cfg, cfg->filelist);
     }
 

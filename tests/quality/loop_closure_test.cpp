@@ -6,6 +6,7 @@
 
 #include <cmath>
 #include <limits>
+#include <map>
 #include <memory>
 #include <numbers>
 #include <set>
@@ -68,8 +69,8 @@ std::vector<float> samples(float base, const std::vector<float>& e)
     return v;
 }
 
-const std::string kSettings = "ref_row 0\nref_col 1\nref_window 1\nif_check_loop_closure 1\nif_use_existing_phasemask 0\n"
-                              "if_inverse_time_series 0\n";
+const std::string kSettings = "ref_row 0\nref_col 1\nref_window 1\nif_check_loop_closure 1\n"
+                              "if_use_existing_phasemask 0\nif_inverse_time_series 0\n";
 
 // Four dates A < B < C < D and the loops ABC (AB - AC + BC) and BCD
 // (BC - BD + CD) on a 5 x 2 grid, pixel 1 the reference:
@@ -79,22 +80,27 @@ const std::string kSettings = "ref_row 0\nref_col 1\nref_window 1\nif_check_loop
 // Loop ABC has standard deviation 1 over its three pixels, BCD 0 (every
 // closure is 4, above the 3.14 misclosure threshold). Mean deviation per
 // interferogram: AB 1, BC 0.5, AC 1, BD 0, CD 0.
-std::unique_ptr<TinyJob> two_loop_job()
+struct ListedIfg {
+    const char* name;
+    float base;
+    std::vector<float> e;
+};
+
+//                               pixel:  0  1  2  3  4  5  6  7  8  9
+const ListedIfg kAB = {"geo_20200101_20200113.unw", 10, {1, 0, 1, 1, 0, 1, 1, 1, 0, 1}};
+const ListedIfg kBC = {"geo_20200113_20200125.unw", 20, {0, 0, 1, 0, 1, 0, 1, 0, 1, 1}};
+const ListedIfg kAC = {"geo_20200101_20200125.unw", 30, {7, 0, 1, 7, 7, 7, 2, 7, 7, 3}};
+const ListedIfg kBD = {"geo_20200113_20200206.unw", 40, {2, 0, 2, 2, 2, 2, 2, 2, 2, 2}};
+const ListedIfg kCD = {"geo_20200125_20200206.unw", 50, {5, 0, 5, 5, 5, 5, 5, 5, 5, 5}};
+
+std::unique_ptr<TinyJob> job_of(const std::vector<ListedIfg>& list)
 {
     auto job = std::make_unique<TinyJob>(5, 2);
-    //                                   0  1  2  3  4  5  6  7  8  9
-    const std::vector<float> ab      = {1, 0, 1, 1, 0, 1, 1, 1, 0, 1};
-    const std::vector<float> bc      = {0, 0, 1, 0, 1, 0, 1, 0, 1, 1};
-    const std::vector<float> ac      = {7, 0, 1, 7, 7, 7, 2, 7, 7, 3};
-    const std::vector<float> bd      = {2, 0, 2, 2, 2, 2, 2, 2, 2, 2};
-    const std::vector<float> cd      = {5, 0, 5, 5, 5, 5, 5, 5, 5, 5};
-    job->add_ifg("geo_20200101_20200113.unw", samples(10, ab));
-    job->add_ifg("geo_20200113_20200125.unw", samples(20, bc));
-    job->add_ifg("geo_20200101_20200125.unw", samples(30, ac));
-    job->add_ifg("geo_20200113_20200206.unw", samples(40, bd));
-    job->add_ifg("geo_20200125_20200206.unw", samples(50, cd));
+    for (const ListedIfg& ifg : list) job->add_ifg(ifg.name, samples(ifg.base, ifg.e));
     return job;
 }
+
+std::unique_ptr<TinyJob> two_loop_job() { return job_of({kAB, kBC, kAC, kBD, kCD}); }
 
 TEST(LoopClosure, EveryLineAndFileOfACheckThatRejects)
 {
@@ -104,7 +110,8 @@ TEST(LoopClosure, EveryLineAndFileOfACheckThatRejects)
     expect_finished(o);
     // Two loops: the 20 % mark is lround(0.4) = 0, the 80 % mark lround(1.6) = 2,
     // which no loop reaches.
-    const std::string progress = "  Progress   0%\n  Progress  20%\n  Progress  40%\n  Progress  60%\n  Progress 100%\n";
+    const std::string progress =
+        "  Progress   0%\n  Progress  20%\n  Progress  40%\n  Progress  60%\n  Progress 100%\n";
     EXPECT_EQ(stage_lines(o.err),
               "*********************************************************\n"
               "*****Checking unwrapping error by loop closure start*****\n"
@@ -149,6 +156,28 @@ TEST(LoopClosure, EveryLineAndFileOfACheckThatRejects)
     EXPECT_EQ(read_text(job->result("filelist_deleted")), "");
 }
 
+// The later stages see the kept interferograms with their own reference
+// values, exactly as if the dropped ones had never been listed.
+TEST(LoopClosure, DroppedInterferogramsAreAsIfNeverListed)
+{
+    const std::vector<std::string> outputs = {"culmap-20200125-20200113.disp", "culmap-20200206-20200113.disp",
+                                              "linear_mean_velocity", "least_square_sigma"};
+    auto checked = two_loop_job();
+    expect_finished(
+        run_program({checked->config(kSettings + "whole_ifg_closure_std_threshold 1\nif_inverse_time_series 1\n")}));
+    auto kept = job_of({kBC, kBD, kCD});
+    testing_support::write_text(kept->result("phase_loop_closure_mask"),
+                                read_text(checked->result("phase_loop_closure_mask")));
+    const Outcome o = run_program({kept->config(kSettings + "if_use_existing_phasemask 1\nif_inverse_time_series 1\n")});
+    expect_finished(o);
+    EXPECT_TRUE(contains(o.err, "Use existing phase closure mask\n"));
+    for (const std::string& name : outputs) {
+        const std::string bytes = read_text(checked->result(name));
+        EXPECT_EQ(bytes.size(), 40u) << name;
+        EXPECT_TRUE(bytes == read_text(kept->result(name))) << name;
+    }
+}
+
 TEST(LoopClosure, UnderLoopedPixelsCarryTheScratchValue)
 {
     auto job = two_loop_job();
@@ -165,7 +194,8 @@ TEST(LoopClosure, UnderLoopedPixelsCarryTheScratchValue)
 TEST(LoopClosure, WithoutDeletionEveryInterferogramIsUsedAndNoListIsWritten)
 {
     auto job = two_loop_job();
-    const Outcome o = run_program({job->config(kSettings + "whole_ifg_closure_std_threshold 0.1\nif_delete_bad_ifgs 0\n")});
+    const Outcome o =
+        run_program({job->config(kSettings + "whole_ifg_closure_std_threshold 0.1\nif_delete_bad_ifgs 0\n")});
     expect_finished(o);
     EXPECT_FALSE(contains(o.err, "Deleting bad ifgs"));
     EXPECT_EQ(read_text(job->result("filelist_statistics")),
