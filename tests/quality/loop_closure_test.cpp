@@ -168,7 +168,8 @@ TEST(LoopClosure, DroppedInterferogramsAreAsIfNeverListed)
     auto kept = job_of({kBC, kBD, kCD});
     testing_support::write_text(kept->result("phase_loop_closure_mask"),
                                 read_text(checked->result("phase_loop_closure_mask")));
-    const Outcome o = run_program({kept->config(kSettings + "if_use_existing_phasemask 1\nif_inverse_time_series 1\n")});
+    const Outcome o =
+        run_program({kept->config(kSettings + "if_use_existing_phasemask 1\nif_inverse_time_series 1\n")});
     expect_finished(o);
     EXPECT_TRUE(contains(o.err, "Use existing phase closure mask\n"));
     for (const std::string& name : outputs) {
