@@ -28,6 +28,14 @@ cp -r examples/s1_mexico_city_crop "$mexico"
 mkdir -p "$mexico/result"
 (cd "$mexico" && "$sbas_ts" example_config.txt 2>"$mexico/run.log")
 tail -n 2 "$mexico/run.log"
+# The loop-closure check: the triangles it closed and what it dropped.
+loops=$(grep -c '^Connecting loop' "$mexico/run.log" || true)
+echo "Loop closure: $loops loops checked; interferograms dropped:"
+if [ -s "$mexico/result/filelist_deleted" ]; then
+    sed 's/^/  /' "$mexico/result/filelist_deleted"
+else
+    echo "  none"
+fi
 wavelength=$(awk '$1 == "wavelength" {print $2}' "$mexico/example_config.txt")
 echo "Mean line-of-sight velocity (rad/yr, then in mm/yr):"
 "$quicklook" stats "$mexico/result/linear_mean_velocity" "$mexico/ifg_header.txt" "$wavelength" | sed 's/^/  /'

@@ -19,6 +19,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "catalogue/baselines.h"
@@ -32,6 +33,7 @@
 #include "inversion/network.h"
 #include "numerics/arrays.h"
 #include "numerics/parallel.h"
+#include "quality/loop_closure.h"
 #include "reference/ref_point.h"
 #include "stacking/stacking.h"
 
@@ -67,19 +69,36 @@ void run_filter(Filter filter, CFG /*own copy for the filter*/)
     }
 }
 
-// Step of the loop-closure check: fills `mask` (pixel_count floats, zeroed)
-// from "phase_loop_closure_mask" when there is one to use.
-void loop_closure_stage(const CFG& cfg, int64_t pixels, float* mask)
+// Keeps the reference values of the interferograms that are still listed:
+// `kept` is `before` with some names removed, order unchanged, and values[k]
+// belongs to before[k]. Values stay one per listed interferogram in list
+// order, as the loader expects them.
+void keep_reference_values(const std::vector<std::string>& before, const std::vector<std::string>& kept,
+                           float* values)
 {
-    const com::Path mask_path = com::join_path(cfg.resultfolder, "phase_loop_closure_mask");
+    size_t from = 0;
+    for (size_t k = 0; k < kept.size(); ++k) {
+        while (from < before.size() && before[from] != kept[k]) ++from;
+        values[k] = from < before.size() ? values[from++] : 0.0f;
+    }
+}
+
+// Step of the loop-closure check: runs the check unless an existing mask is
+// to be reused, then fills `mask` (pixel_count floats, zeroed) from
+// "phase_loop_closure_mask". The check may drop interferograms from the
+// record; the reference values follow the list.
+void loop_closure_stage(CFG* cfg, int64_t pixels, float* mask, float* reference_values)
+{
+    const com::Path mask_path = com::join_path(cfg->resultfolder, "phase_loop_closure_mask");
     FILE* existing = std::fopen(mask_path.c_str(), "rb");
-    const bool reuse = existing && cfg.if_use_existing_phasemask != 0;
+    const bool reuse = existing && cfg->if_use_existing_phasemask != 0;
     if (existing) std::fclose(existing);
     if (reuse) {
         std::fputs("Use existing phase closure mask\n", stderr);
     } else {
-        not_available("The loop-closure check");
-        return;
+        const std::vector<std::string> before = cfg->ifg_names;
+        quality::remove_ifg_by_loop_closure_with_reference(cfg, reference_values);
+        keep_reference_values(before, cfg->ifg_names, reference_values);
     }
     // A mask shorter than the grid is taken as it is: the rest stays 0.
     FILE* file = lib::fopen_zq(mask_path.c_str(), "rb");
@@ -141,7 +160,7 @@ void sbas_allocate_area(const char* config_path)
     const int64_t pixels = com::pixel_count(header);
     float* mask = lib::need<float>(pixels);
 
-    if (cfg.if_check_loop_closure == 1) loop_closure_stage(cfg, pixels, mask);
+    if (cfg.if_check_loop_closure == 1) loop_closure_stage(&cfg, pixels, mask, reference_values);
 
     // The corrections switch the run to their corrected copies; the
     // elevation-dependent one runs first.
