@@ -55,12 +55,19 @@ int parse_date(const std::string& option, const std::string& text)
     return static_cast<int>(value);
 }
 
-Body parse_body(const std::string& text, const Options& options)
+// The comma-separated numbers of `text`.
+std::vector<double> parse_numbers(const std::string& option, const std::string& text)
 {
     std::vector<double> fields;
     std::stringstream in(text);
     std::string field;
-    while (std::getline(in, field, ',')) fields.push_back(parse_number("--body", field));
+    while (std::getline(in, field, ',')) fields.push_back(parse_number(option, field));
+    return fields;
+}
+
+Body parse_body(const std::string& text, const Options& options)
+{
+    const std::vector<double> fields = parse_numbers("--body", text);
     if (fields.size() != 3 && fields.size() != 7)
         throw Error("--body needs ROW,COL,SIGMA or ROW,COL,SIGMA,RATE,SEASONAL,STEP,LOG, not '" + text + "'");
     Body body;
@@ -74,11 +81,11 @@ Body parse_body(const std::string& text, const Options& options)
         body.log = fields[6];
         return body;
     }
-    const Deformation mode = options.deformation;
-    body.rate = mode != Deformation::log ? options.rate : 0.0;
-    body.seasonal = mode == Deformation::seasonal || mode == Deformation::mixed ? options.seasonal_amp : 0.0;
-    body.step = mode == Deformation::mixed ? options.step_amp : 0.0;
-    body.log = mode == Deformation::log || mode == Deformation::mixed ? options.log_amp : 0.0;
+    const ModeTerms with = mode_terms(options.deformation);
+    body.rate = with.rate ? options.rate : 0.0;
+    body.seasonal = with.seasonal ? options.seasonal_amp : 0.0;
+    body.step = with.step ? options.step_amp : 0.0;
+    body.log = with.log ? options.log_amp : 0.0;
     return body;
 }
 

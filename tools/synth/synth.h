@@ -5,7 +5,7 @@
 // Each date's phase is deformation + correlated noise + an elevation term;
 // each interferogram is the difference of its two dates' phases plus its own
 // nuisance terms (DEM error through the perpendicular baseline, an orbital
-// ramp, an unwrapping error, white noise) and its no-data patches. The truth
+// ramp, unwrapping errors, white noise) and its no-data patches. The truth
 // is the deformation alone, relative to the first date. All phases are in
 // radians; time in days (day numbers are MJDs).
 #pragma once
@@ -33,6 +33,26 @@ const char* deformation_name(Deformation mode);
 
 // Parses a mode name; throws Error for anything else.
 Deformation parse_deformation(const std::string& name);
+
+// The temporal terms a mode gives its bodies (see Deformation).
+struct ModeTerms {
+    bool rate = false;
+    bool seasonal = false;
+    bool step = false;
+    bool log = false;
+};
+ModeTerms mode_terms(Deformation mode);
+
+// An unwrapping error put into one interferogram: the samples of a disc are
+// shifted by 2 pi k. A pixel (i, j) is in the disc when its distance to the
+// centre is at most the radius.
+struct UnwrapError {
+    int ifg = 0;          // index into Job::ifgs
+    int cycles = 0;       // k
+    double row = 0.0;     // disc centre, pixels
+    double col = 0.0;
+    double radius = 0.0;  // pixels
+};
 
 // One deformation body: a Gaussian bump in space, exp(-r^2 / (2 sigma^2))
 // with r the distance in pixels from (row, col), times a history
@@ -163,15 +183,6 @@ struct Options {
     bool overwrite = false;
 };
 
-// An unwrapping error put into one interferogram.
-struct UnwrapError {
-    int ifg = 0;          // index into Job::ifgs
-    int cycles = 0;       // k: the disc is shifted by 2 pi k
-    double row = 0.0;     // disc centre, pixels
-    double col = 0.0;
-    double radius = 0.0;  // pixels
-};
-
 // What write_job made. Paths are absolute.
 struct Job {
     std::string folder;         // the job folder
@@ -225,7 +236,8 @@ void check_options(const Options& options);
 // Writes a complete job into `folder` (created if needed) and returns its
 // description. Throws Error on bad options, a non-empty folder (unless
 // options.overwrite), a path longer than the configuration allows (199
-// characters) or any write failure. The files:
+// characters) or any write failure; inconsistent options are found before
+// the folder is touched. The files:
 //   ifg/geo_<d1>_<d2>.unw, ifg_header.txt, ifg_list.txt, baselines.txt,
 //   dem.dem, dem_header.txt, config.txt, result/ (empty),
 //   truth/disp-<yyyymmdd> (every date, rad, relative to the first date),
