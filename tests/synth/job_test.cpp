@@ -2,7 +2,8 @@
 // same files whatever the thread count, and the files pinned below do not
 // change (the benchmark and the demo depend on them); without noise an
 // interferogram is the difference of its dates' truth; each nuisance term
-// adds what it claims.
+// adds what it claims; given unwrapping errors are checked before any file
+// is written.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -59,6 +60,7 @@ synth::Options busy()
     o.long_gaps = 2;
     o.long_links = 4;
     o.unwrap_errors = 3;
+    o.unwrap_error_patches = {{5, -1, 3.0, 4.0, 2.5}};
     o.ramps = true;
     o.elevation_term = true;
     o.dem_oversample = 2;
@@ -208,7 +210,8 @@ TEST(SynthJob, EachNuisanceTermAddsWhatItClaims)
     const Case cases[] = {
         {"unwrapping errors",
          [](synth::Options& o) {
-             o.unwrap_errors = 3;
+             o.unwrap_errors = 2;
+             o.unwrap_error_patches = {{4, 2, 6.0, 8.0, 3.0}, {4, -1, 7.0, 9.5, 2.0}};
          },
          [&](const synth::Job& job, int k) {
              std::vector<double> change(pixels(job), 0.0);
@@ -275,6 +278,30 @@ TEST(SynthJob, EachNuisanceTermAddsWhatItClaims)
         }
         EXPECT_LT(worst, 2e-5) << c.name;
         EXPECT_GT(moved, 0.5) << c.name;
+    }
+    // Given errors follow the random ones of their interferogram, in order.
+    const std::string given = plain.ifgs[4] + " 2 6 8 3\n" + plain.ifgs[4] + " -1 7 9.5 2\n";
+    EXPECT_NE(read_text(dir / "job0/truth/unwrapping_errors.txt").find(given), std::string::npos);
+}
+
+TEST(SynthJob, GivenUnwrappingErrorsAreCheckedBeforeAnyFileIsWritten)
+{
+    TempDir dir;
+    const std::pair<synth::UnwrapError, std::string> cases[] = {
+        {{30, 1, 5.0, 5.0, 2.0}, "--unwrap-error: no interferogram 30 (the job has 30, counted from 0)"},
+        {{3, 1, 15.0, 14.0, 3.0}, "--unwrap-error: the disc in interferogram 3 reaches the reference window"},
+        {{3, 0, 5.0, 5.0, 2.0}, "--unwrap-error: the number of cycles must not be 0"},
+    };
+    for (const auto& [error, message] : cases) {
+        synth::Options o;
+        o.unwrap_error_patches = {error};
+        try {
+            synth::write_job(o, dir / "job");
+            ADD_FAILURE() << "no error for " << message;
+        } catch (const synth::Error& e) {
+            EXPECT_EQ(e.what(), message);
+        }
+        EXPECT_FALSE(fs::exists(dir / "job"));
     }
 }
 

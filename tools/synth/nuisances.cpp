@@ -6,7 +6,8 @@
 // unwrapping error, 3k + 2 for its ramp), so switching one term on or off
 // never moves another. A no-data interferogram gets one to three discs or
 // rectangles, any of which is dropped if it cannot avoid the reference
-// window in 100 draws; an unwrapping error must find room.
+// window in 100 draws; a random unwrapping error must find room. Given
+// unwrapping errors are taken as they are and only checked.
 #include <algorithm>
 #include <cmath>
 #include <string>
@@ -50,7 +51,7 @@ void draw_holes(const Options& options, Job& job, const Box& clean, std::vector<
     }
 }
 
-// The random unwrapping errors.
+// The random unwrapping errors, then the given ones, by interferogram.
 void place_unwrap_errors(const Options& options, Job& job, const Box& clean, std::vector<IfgTerms>& terms)
 {
     const int width = options.width;
@@ -66,6 +67,14 @@ void place_unwrap_errors(const Options& options, Job& job, const Box& clean, std
                            false, patch),
                 "no room for an unwrapping error outside the reference window");
         errors[k].push_back({k, cycles, patch.row, patch.col, patch.radius});
+    }
+    for (const UnwrapError& e : options.unwrap_error_patches) {
+        require(e.ifg < n_ifgs, "--unwrap-error: no interferogram " + std::to_string(e.ifg) + " (the job has " +
+                                    std::to_string(n_ifgs) + ", counted from 0)");
+        require(!touches(disc(e.row, e.col, e.radius, width, length), clean),
+                "--unwrap-error: the disc in interferogram " + std::to_string(e.ifg) +
+                    " reaches the reference window");
+        errors[e.ifg].push_back(e);
     }
     for (int k = 0; k < n_ifgs; ++k) {
         for (const UnwrapError& e : errors[k]) {

@@ -2,8 +2,8 @@
 //
 // Every option is checked on its own here, before anything is resolved, so a
 // bad value is reported with the name of the command-line option that sets
-// it. Checks that need the resolved job (a date against the time span, the
-// reference against the grid) are made while planning.
+// it. Checks that need the resolved job (an interferogram index against the
+// network, a patch against the reference window) are made while planning.
 #include <cmath>
 
 #include "synth/settings.h"
@@ -82,6 +82,14 @@ void check_options(const Options& o)
     require(finite(o.nodata_size) && o.nodata_size > 0.0 && o.nodata_size <= 2.0, "--nodata-size must be above 0 and at most 2");
     require(o.invalid_corner >= 0.0 && o.invalid_corner <= 0.5, "--invalid-corner must be 0 to 0.5");
     require(o.unwrap_errors >= 0, "--unwrap-errors must not be negative");
+    for (const UnwrapError& e : o.unwrap_error_patches) {
+        require(e.ifg >= 0, "--unwrap-error: the interferogram index must not be negative");
+        require(e.cycles != 0, "--unwrap-error: the number of cycles must not be 0");
+        require(finite(e.row) && finite(e.col) && e.row >= 0.0 && e.row <= o.length - 1.0 && e.col >= 0.0 &&
+                    e.col <= o.width - 1.0,
+                "--unwrap-error: the centre must lie inside the grid");
+        require(finite(e.radius) && e.radius > 0.0, "--unwrap-error: the radius must be above 0 pixels");
+    }
     require(finite(o.ramp_amp) && o.ramp_amp >= 0.0, "--ramp-amp must be >= 0 rad");
     require(finite(o.elevation_coef) && o.elevation_coef >= 0.0, "--elevation-coef must be >= 0 rad/m");
     require(o.dem_oversample >= 1 && o.dem_oversample <= 16, "--dem-oversample must be 1 to 16");

@@ -43,8 +43,9 @@ struct Plan {
 Plan make_plan(const Options& options, const std::string& folder);
 
 // Draws the per-interferogram terms of a planned job and records the chosen
-// no-data interferograms and unwrapping errors in `job`. Throws Error when an
-// unwrapping error finds no room outside `clean`.
+// no-data interferograms and unwrapping errors in `job`. Throws Error when a
+// random unwrapping error finds no room outside `clean`, or a given one names
+// no interferogram of the network or reaches `clean`.
 std::vector<IfgTerms> plan_ifg_terms(const Options& options, Job& job, const Box& clean);
 
 }  // namespace synth

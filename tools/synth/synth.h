@@ -43,15 +43,15 @@ struct ModeTerms {
 };
 ModeTerms mode_terms(Deformation mode);
 
-// An unwrapping error put into one interferogram: the samples of a disc are
+// An unwrapping error in one interferogram: the samples of a disc are
 // shifted by 2 pi k. A pixel (i, j) is in the disc when its distance to the
 // centre is at most the radius.
 struct UnwrapError {
-    int ifg = 0;          // index into Job::ifgs
-    int cycles = 0;       // k
-    double row = 0.0;     // disc centre, pixels
+    int ifg = 0;          // index into Job::ifgs (the line of ifg_list.txt, from 0)
+    int cycles = 0;       // k, not 0
+    double row = 0.0;     // disc centre, pixels, inside the grid
     double col = 0.0;
-    double radius = 0.0;  // pixels
+    double radius = 0.0;  // pixels, > 0
 };
 
 // One deformation body: a Gaussian bump in space, exp(-r^2 / (2 sigma^2))
@@ -138,8 +138,14 @@ struct Options {
     double nodata_size = 0.12;     // largest patch radius, as a share of the grid's shorter side
     double invalid_corner = 0.0;   // 0..0.5
 
+    // Unwrapping errors: `unwrap_errors` random interferograms each get a
+    // random disc with k = +-1 or +-2; `unwrap_error_patches` are added as
+    // given (several may share an interferogram and overlap; their shifts
+    // add up). Either kind keeps clear of the reference window.
+    int unwrap_errors = 0;
+    std::vector<UnwrapError> unwrap_error_patches;
+
     // Nuisance terms.
-    int unwrap_errors = 0;          // interferograms given a +-2 pi k disc (k = 1 or 2)
     bool ramps = false;             // quadratic orbital ramp per interferogram
     double ramp_amp = 3.0;          // rad, typical ramp size across the grid
     bool elevation_term = false;    // c(t) * h with h from the DEM
@@ -224,7 +230,9 @@ struct Job {
     double dem_error_factor = 0.0;  // K = 4 pi / (wavelength * orbit_altitude * sin(incidence))
 
     std::vector<int> nodata_ifgs;            // indices of interferograms with patches
-    std::vector<UnwrapError> unwrap_errors;  // in interferogram order
+    // Every unwrapping error, by interferogram; within one, the random disc
+    // first, then the given ones in their order.
+    std::vector<UnwrapError> unwrap_errors;
 
     // The configuration as written, in file order.
     std::vector<std::pair<std::string, std::string>> config_entries;
