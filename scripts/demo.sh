@@ -31,6 +31,15 @@ tail -n 2 "$mexico/run.log"
 wavelength=$(awk '$1 == "wavelength" {print $2}' "$mexico/example_config.txt")
 echo "Mean line-of-sight velocity (rad/yr, then in mm/yr):"
 "$quicklook" stats "$mexico/result/linear_mean_velocity" "$mexico/ifg_header.txt" "$wavelength" | sed 's/^/  /'
+# The spatial filter (if_apply_filter 1) smooths the velocity; its range
+# beside the unfiltered one.
+if [ -f "$mexico/result/linear_mean_velocity.filtered" ]; then
+    echo "Velocity range before and after the spatial filter:"
+    for raster in linear_mean_velocity linear_mean_velocity.filtered; do
+        range=$("$quicklook" stats "$mexico/result/$raster" "$mexico/ifg_header.txt" "$wavelength" | grep '^in mm')
+        printf '  %-31s %s\n' "$raster" "$range"
+    done
+fi
 echo "Outputs: $mexico/result (log: $mexico/run.log)"
 
 echo
