@@ -39,13 +39,16 @@ fi
 wavelength=$(awk '$1 == "wavelength" {print $2}' "$mexico/example_config.txt")
 echo "Mean line-of-sight velocity (rad/yr, then in mm/yr):"
 "$quicklook" stats "$mexico/result/linear_mean_velocity" "$mexico/ifg_header.txt" "$wavelength" | sed 's/^/  /'
-# The example also asks for linear rate stacking (if_stacking 1): its rate
-# beside the inversion's, as line-of-sight ranges.
-echo "Velocity range, inversion and stacking (mm/yr):"
-for name in linear_mean_velocity linear_stacking_mean_velocity; do
+# The example also asks for linear rate stacking (if_stacking 1) and the
+# spatial filter (if_apply_filter 1): their velocities beside the inversion's,
+# as line-of-sight ranges.
+echo "Velocity range (mm/yr): inversion, stacking, and both filtered in space:"
+for name in linear_mean_velocity linear_stacking_mean_velocity linear_mean_velocity.filtered \
+    linear_stacking_mean_velocity.filtered; do
+    [ -f "$mexico/result/$name" ] || continue
     range=$("$quicklook" stats "$mexico/result/$name" "$mexico/ifg_header.txt" "$wavelength" |
         sed -n 's/^in mm (wavelength [^)]*): //p')
-    printf '  %-31s %s\n' "$name" "$range"
+    printf '  %-39s %s\n' "$name" "$range"
 done
 echo "Outputs: $mexico/result (log: $mexico/run.log)"
 

@@ -30,6 +30,9 @@
 #include "catalogue/stack.h"
 #include "config/cfg.h"
 #include "config/fatal.h"
+#include "filter/spatial.h"
+#include "filter/spatio_temporal.h"
+#include "filter/temporal.h"
 #include "inversion/network.h"
 #include "numerics/arrays.h"
 #include "numerics/parallel.h"
@@ -60,12 +63,13 @@ std::vector<Filter> filters_for(int if_apply_filter)
     }
 }
 
-void run_filter(Filter filter, CFG /*own copy for the filter*/)
+// Each filter works on its own copy of the record.
+void run_filter(Filter filter, CFG cfg)
 {
     switch (filter) {
-    case Filter::spatial: not_available("The spatial filter"); break;
-    case Filter::temporal: not_available("The temporal filter"); break;
-    case Filter::spatio_temporal: not_available("The spatio-temporal filter"); break;
+    case Filter::spatial: spatial_filter(cfg); break;
+    case Filter::temporal: temporal_filter(cfg); break;
+    case Filter::spatio_temporal: spatial_temporal_filter(cfg); break;
     }
 }
 
