@@ -32,7 +32,6 @@ struct MapOptions {
     std::string png;
     Unit unit = Unit::rad;
     PageSize size;
-    bool size_given = false;  // else 1200 wide, as high as the map's shape needs
 };
 void run_map(const MapOptions& options);
 

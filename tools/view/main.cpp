@@ -32,8 +32,7 @@ const char* const kUsage =
     "CFG is the configuration sbas-ts ran with; its relative paths are taken\n"
     "relative to the folder holding CFG. --unit converts phase to line-of-sight\n"
     "distance with the configuration's wavelength (distance = phase * wavelength\n"
-    "/ (4 pi), sign unchanged). Default unit: rad. Default size: 1200x800 (a map:\n"
-    "1200 wide and as high as its shape needs).\n"
+    "/ (4 pi), sign unchanged). Default unit: rad. Default size: 1200x800.\n"
     "The README's section on sbas-view gives the conventions of every output.\n";
 
 // The arguments of one subcommand: positionals and --options with values.
@@ -121,10 +120,8 @@ void map_command(Arguments args)
         if (arg == "--config") o.config = args.value_of(arg);
         else if (arg == "-o") o.png = args.value_of(arg);
         else if (arg == "--unit") o.unit = view::parse_unit(args.value_of(arg));
-        else if (arg == "--size") {
-            o.size = parse_size(args.value_of(arg));
-            o.size_given = true;
-        } else positional(o.raster, arg);
+        else if (arg == "--size") o.size = parse_size(args.value_of(arg));
+        else positional(o.raster, arg);
     }
     need(o.raster, "RASTER");
     need(o.config, "--config CFG");

@@ -124,11 +124,12 @@ void run_map(const MapOptions& options)
         if (limit <= 0) limit = 1;
         zmin = -limit;
         zmax = limit;
-        bar_label = "limits ±" + format_limit(limit) + ": 2nd-98th percentile, symmetric about 0";
+        bar_label = "limits ±" + format_limit(limit) + " (2nd-98th percentile)";
         diverging_colours();
     } else {
         zmax = q.base_unit == "1" ? 1.0 : high > 0 ? high : 1.0;
-        bar_label = q.base_unit == "1" ? "unitless, 0 to 1" : "limits 0 to " + format_limit(zmax) + ": 98th percentile";
+        bar_label = q.base_unit == "1" ? "unitless, 0 to 1"
+                                       : "limits 0 to " + format_limit(zmax) + " (98th percentile)";
         sequential_colours();
     }
     valid.clear();
@@ -149,11 +150,9 @@ void run_map(const MapOptions& options)
     const Reference ref = reference_of(job, folder_of(options.raster));
 
     const double shape = (lat1 - lat0) / ((lon1 - lon0) * std::max(ground, 0.05));  // height over width
-    PageSize size = options.size;
-    if (!options.size_given)
-        size.height = static_cast<int>(std::clamp(std::round(size.width * 0.69 * shape / 0.75), 500.0, 1500.0));
+    const PageSize size = options.size;
     open_figure(options.png, size);
-    plvpas(0.11, 0.80, 0.12, 0.87, shape);
+    viewport(130, 250, 90, 100, shape);
     plwind(lon0, lon1, lat0, lat1);
     const double bx[] = {lon0, lon1, lon1, lon0};
     const double by[] = {lat0, lat0, lat1, lat1};
@@ -166,8 +165,8 @@ void run_map(const MapOptions& options)
     text_size(1.0);
     PLFLT vx0, vx1, vy0, vy1;
     plgvpd(&vx0, &vx1, &vy0, &vy1);
-    const int lon_labels = std::clamp(static_cast<int>((vx1 - vx0) * size.width / 110), 2, 8);
-    const int lat_labels = std::clamp(static_cast<int>((vy1 - vy0) * size.height / 50), 2, 8);
+    const int lon_labels = std::clamp(static_cast<int>((vx1 - vx0) * size.width / pixels(110)), 2, 8);
+    const int lat_labels = std::clamp(static_cast<int>((vy1 - vy0) * size.height / pixels(50)), 2, 8);
     plbox("bcnst", nice_step(lon1 - lon0, lon_labels), 0, "bcnstv", nice_step(lat1 - lat0, lat_labels), 0);
     plmtex("b", 3.0, 0.5, 0.5, "Longitude (°E)");
     plmtex("l", 5.2, 0.5, 0.5, "Latitude (°N)");
@@ -185,26 +184,25 @@ void run_map(const MapOptions& options)
     PLINT bar_opt = PL_COLORBAR_GRADIENT | PL_COLORBAR_CAP_HIGH;
     if (q.signed_values) bar_opt |= PL_COLORBAR_CAP_LOW;
     if (q.base_unit == "1") bar_opt = PL_COLORBAR_GRADIENT;
-    text_size(0.95);
+    text_size(fitted(bar_label, 0.95, 0.84 * (vy1 - vy0) * size.height));
     plcolorbar(&bar_width, &bar_height, bar_opt, PL_POSITION_RIGHT | PL_POSITION_OUTSIDE | PL_POSITION_VIEWPORT,
                0.03, 0.0, 0.035, 0.84, kWhite, kBlack, 1, 0.0, 1.0, 0, 0.0, 2, label_opts, labels, 1, axis_opts,
                ticks, sub_ticks, n_values, values_matrix);
 
     // Title: the quantity and unit, then the file, the dates and the reference.
     std::string title = q.description;
+    if (q.date)
+        title = std::string(q.filtered ? "Filtered " : "") + "LOS displacement on " + iso_date(q.date) + " since " +
+                iso_date(q.first_date);
     title[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(title[0])));
     if (unit != "1") title += " (" + unit + ")";
     std::string subtitle = q.name;
-    if (q.date) subtitle += ":  " + iso_date(q.date) + " relative to " + iso_date(q.first_date);
     if (ref.known)
         subtitle += ";  ▲ reference pixel (row " + std::to_string(ref.row) + ", col " + std::to_string(ref.col) + ")";
     else
         subtitle += ";  reference: scene mean";
     subtitle += ";  grey: no data";
-    text_size(1.35);
-    plmtex("t", 2.3, 0.5, 0.5, title.c_str());
-    text_size(0.95);
-    plmtex("t", 1.0, 0.5, 0.5, subtitle.c_str());
+    titles(title.c_str(), subtitle.c_str());
     close_figure(options.png);
     std::printf("%s\n", options.png.c_str());
 }

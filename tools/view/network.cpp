@@ -181,7 +181,7 @@ void run_network(const NetworkOptions& options)
     for (size_t k = 0; k < n.first.size(); ++k) longest = std::max(longest, days[n.second[k]] - days[n.first[k]]);
 
     open_figure(options.png, options.size);
-    plvpor(0.10, 0.97, 0.16, 0.87);
+    viewport(120, 36, 128, 100);
     plwind(x0, x1, ymin, ymax);
     text_size(1.0);
     date_axis(days.front(), days.back(), ymin, ymax, true);
@@ -241,11 +241,7 @@ void run_network(const NetworkOptions& options)
     else
         std::snprintf(subtitle, sizeof subtitle, "%s",
                       "no perpendicular baselines: each arc joins the two dates of an interferogram");
-    text_size(1.35);
-    plcol0(kBlack);
-    plmtex("t", 2.3, 0.5, 0.5, title);
-    text_size(0.95);
-    plmtex("t", 1.0, 0.5, 0.5, subtitle);
+    titles(title, subtitle);
     text_size(1.0);
     if (have_baselines) plmtex("l", 4.5, 0.5, 0.5, "Perpendicular baseline (m)");
     close_figure(options.png);

@@ -21,7 +21,8 @@
 namespace view {
 namespace {
 
-double page_factor = 1.0;  // text scale of the open page
+double page_factor = 1.0;  // size of text and marks in pixels, relative to a 1200 x 800 page
+double plplot_factor = 1.0;  // how PLplot itself scales text with the page
 PageSize page;             // pixels of the open page
 
 int on_plplot_exit(const char* message)
@@ -75,9 +76,11 @@ void open_figure(const std::string& path, PageSize size)
     plcol0(kBlack);
     page = size;
     // Text grows with the page, but shrinks more slowly on small pages so
-    // that labels stay readable.
+    // that labels stay readable. PLplot already scales its character height
+    // with the mean of the page's sides; text_size undoes that.
     page_factor = std::min(size.width / 1200.0, size.height / 800.0);
     if (page_factor < 1) page_factor = std::sqrt(page_factor);
+    plplot_factor = (size.width + size.height) / 2000.0;
     pladv(0);
     text_size(1.0);
 }
@@ -89,16 +92,52 @@ void close_figure(const std::string& path)
     if (std::filesystem::file_size(path, error) < 8 || error) fail("PLplot wrote no image to %s", path.c_str());
 }
 
-void text_size(double scale) { plschr(0, 0.85 * scale * page_factor); }
+double text_scale(double scale) { return 0.85 * scale * page_factor / plplot_factor; }
+
+void text_size(double scale) { plschr(0, text_scale(scale)); }
+
+double pixels(double at_default) { return at_default * page_factor; }
+
+void viewport(double left, double right, double bottom, double top, double aspect)
+{
+    const double x0 = std::min(pixels(left) / page.width, 0.4);
+    const double x1 = std::max(1 - pixels(right) / page.width, 0.6);
+    const double y0 = std::min(pixels(bottom) / page.height, 0.4);
+    const double y1 = std::max(1 - pixels(top) / page.height, 0.6);
+    if (aspect > 0) plvpas(x0, x1, y0, y1, aspect);
+    else plvpor(x0, x1, y0, y1);
+}
+
+double fitted(const std::string& line, double size, double room)
+{
+    // About 12 pixels per character at text size 1 on the default page (the
+    // mean advance of the sans-serif font), counting UTF-8 characters.
+    const double chars = static_cast<double>(std::count_if(
+        line.begin(), line.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
+    return std::min(size, room / (std::max(chars, 1.0) * pixels(12.0)));
+}
+
+void titles(const std::string& title, const std::string& subtitle)
+{
+    // Centred on the viewport, so they must fit on its narrower side.
+    PLFLT vx0, vx1, vy0, vy1;
+    plgvpd(&vx0, &vx1, &vy0, &vy1);
+    const double room = 2 * std::min((vx0 + vx1) / 2, 1 - (vx0 + vx1) / 2) * page.width * 0.97;
+    plcol0(kBlack);
+    text_size(fitted(title, 1.35, room));
+    plmtex("t", 2.3, 0.5, 0.5, title.c_str());
+    text_size(fitted(subtitle, 0.95, room));
+    plmtex("t", 1.0, 0.5, 0.5, subtitle.c_str());
+}
 
 void dots(const std::vector<double>& x, const std::vector<double>& y, double radius, int colour)
 {
     PLFLT vx0, vx1, vy0, vy1, wx0, wx1, wy0, wy1;
     plgvpd(&vx0, &vx1, &vy0, &vy1);
     plgvpw(&wx0, &wx1, &wy0, &wy1);
-    const double pixels = radius * page_factor;
-    const double a = pixels / ((vx1 - vx0) * page.width) * (wx1 - wx0);
-    const double b = pixels / ((vy1 - vy0) * page.height) * (wy1 - wy0);
+    const double r = pixels(radius);
+    const double a = r / ((vx1 - vx0) * page.width) * (wx1 - wx0);
+    const double b = r / ((vy1 - vy0) * page.height) * (wy1 - wy0);
     for (size_t i = 0; i < x.size(); ++i) {
         plcol0(colour);
         plarc(x[i], y[i], a, b, 0, 360, 0, 1);
@@ -125,7 +164,7 @@ void date_axis(double first_day, double last_day, double ymin, double ymax, bool
     // At most one "yyyy-mm" label per 110 pixels of axis, and ten in all.
     PLFLT vx0, vx1, vy0, vy1;
     plgvpd(&vx0, &vx1, &vy0, &vy1);
-    const int most = std::clamp(static_cast<int>((vx1 - vx0) * page.width / (110 * page_factor)), 2, 10);
+    const int most = std::clamp(static_cast<int>((vx1 - vx0) * page.width / pixels(110)), 2, 10);
     const int span_months = std::max(1, static_cast<int>((last_day - first_day) / 30.44) + 1);
     int step = 240;
     for (int candidate : {1, 2, 3, 6, 12, 24, 60, 120, 240})
@@ -168,13 +207,15 @@ void legend_below(const std::vector<std::string>& texts, const std::vector<int>&
     std::vector<const char*> text(n), symbols(n, "●");
     for (size_t i = 0; i < n; ++i) text[i] = texts[i].c_str();
     std::vector<PLINT> text_colours(n, kBlack), zeros(n, 0), symbol_numbers(n, 1);
-    std::vector<PLFLT> zero_scales(n, 0.0), symbol_scales(n, 0.6);
+    // The legend sizes its text and symbols from PLplot's default height,
+    // not from the current one: the scales carry text_size's correction.
+    std::vector<PLFLT> zero_scales(n, 0.0), symbol_scales(n, text_scale(0.6));
     PLFLT width = 0, height = 0;
     text_size(1.0);
     pllegend(&width, &height, 0, PL_POSITION_BOTTOM | PL_POSITION_OUTSIDE | PL_POSITION_VIEWPORT, 0.0, 0.10, 0.05,
-             kWhite, kBlack, 1, 1, static_cast<PLINT>(n), static_cast<PLINT>(n), flags.data(), 0.8, 0.72, 2.0, 0.0,
-             text_colours.data(), text.data(), zeros.data(), zeros.data(), zero_scales.data(), zero_scales.data(),
-             colours.data(), styles.data(), widths.data(), colours.data(), symbol_scales.data(),
+             kWhite, kBlack, 1, 1, static_cast<PLINT>(n), static_cast<PLINT>(n), flags.data(), 0.8, text_scale(0.85),
+             2.0, 0.0, text_colours.data(), text.data(), zeros.data(), zeros.data(), zero_scales.data(),
+             zero_scales.data(), colours.data(), styles.data(), widths.data(), colours.data(), symbol_scales.data(),
              symbol_numbers.data(), symbols.data());
 }
 

@@ -22,8 +22,25 @@ void open_figure(const std::string& path, PageSize size);
 void close_figure(const std::string& path);
 
 // Text sizes relative to PLplot's default character height, scaled to the
-// page so that labels stay readable at any --size.
+// page so that labels stay readable at any --size. text_scale is the factor
+// text_size hands PLplot, for the calls that take a scale of their own.
 void text_size(double scale);
+double text_scale(double scale);
+
+// Sets the viewport by its margins in pixels of the default page (scaled as
+// text is), and, when `aspect` is positive, shrinks it to that height over
+// width, centred.
+void viewport(double left, double right, double bottom, double top, double aspect = 0);
+
+// The text size, at most `size`, at which `line` spans at most `room` pixels.
+double fitted(const std::string& line, double size, double room);
+
+// The title and subtitle above the viewport, each made smaller when it would
+// not fit in the page's width.
+void titles(const std::string& title, const std::string& subtitle);
+
+// A length of `at_default` pixels on a 1200 x 800 page, scaled as text is.
+double pixels(double at_default);
 
 // Draws the bottom axis of a window whose x runs in days since 1970-01-01:
 // ticks and labels at month starts (every 1, 2, 3, 6 or 12 months, whichever

@@ -115,7 +115,7 @@ void draw(const SeriesOptions& o, const History& h, const Grid& grid, int64_t ro
     const double x1 = h.days.back() + xpad;
 
     open_figure(o.png, o.size);
-    plvpor(0.10, 0.97, 0.16, 0.87);
+    viewport(120, 36, 128, 100);
     plwind(x0, x1, ymin, ymax);
     text_size(1.0);
     date_axis(h.days.front(), h.days.back(), ymin, ymax, true);
@@ -190,11 +190,7 @@ void draw(const SeriesOptions& o, const History& h, const Grid& grid, int64_t ro
     std::string subtitle = "since " + iso_date(h.dates.front()) + ";  reference: ";
     subtitle += ref.known ? "pixel row " + std::to_string(ref.row) + ", col " + std::to_string(ref.col) : "scene mean";
     subtitle += ";  positive: phase increase (range increase)";
-    text_size(1.35);
-    plcol0(kBlack);
-    plmtex("t", 2.3, 0.5, 0.5, title);
-    text_size(0.95);
-    plmtex("t", 1.0, 0.5, 0.5, subtitle.c_str());
+    titles(title, subtitle.c_str());
     text_size(1.0);
     plmtex("l", 4.5, 0.5, 0.5, ("LOS displacement (" + h.unit + ")").c_str());
     close_figure(o.png);
