@@ -11,8 +11,9 @@
 //
 // Pixels are drawn as cells around the header's samples, on a longitude axis
 // scaled by cos(latitude) so the map keeps its shape on the ground. No-data
-// pixels are grey. Grids larger than about 2000 pixels a side are averaged
-// down in square blocks first (the PNG has fewer pixels than that anyway).
+// pixels are grey. A grid with more pixels a side than the PNG is averaged
+// down in square blocks first (no-data left out of each mean), which the eye
+// cannot tell apart and which spares PLplot millions of cells.
 #include <plplot/plplot.h>
 
 #include <algorithm>
@@ -135,7 +136,8 @@ void run_map(const MapOptions& options)
     valid.clear();
     valid.shrink_to_fit();
 
-    const int64_t f = std::max<int64_t>(1, (std::max(grid.width, grid.length) + 1999) / 2000);
+    const int64_t side = std::max(options.size.width, options.size.height);
+    const int64_t f = std::max<int64_t>(1, (std::max(grid.width, grid.length) + side - 1) / side);
     Image image = block_mean(values, grid, f);
     for (double& v : image.cells) v = std::isnan(v) ? kOffMap : std::clamp(v, zmin, zmax);
     std::vector<const double*> columns(static_cast<size_t>(image.nx));
@@ -152,7 +154,7 @@ void run_map(const MapOptions& options)
     const double shape = (lat1 - lat0) / ((lon1 - lon0) * std::max(ground, 0.05));  // height over width
     const PageSize size = options.size;
     open_figure(options.png, size);
-    viewport(130, 250, 90, 100, shape);
+    viewport(130, 250, 90, 120, shape);
     plwind(lon0, lon1, lat0, lat1);
     const double bx[] = {lon0, lon1, lon1, lon0};
     const double by[] = {lat0, lat0, lat1, lat1};

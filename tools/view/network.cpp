@@ -181,7 +181,7 @@ void run_network(const NetworkOptions& options)
     for (size_t k = 0; k < n.first.size(); ++k) longest = std::max(longest, days[n.second[k]] - days[n.first[k]]);
 
     open_figure(options.png, options.size);
-    viewport(120, 36, 128, 100);
+    viewport(120, 36, 128, 120);
     plwind(x0, x1, ymin, ymax);
     text_size(1.0);
     date_axis(days.front(), days.back(), ymin, ymax, true);

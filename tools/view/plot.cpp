@@ -125,9 +125,10 @@ void titles(const std::string& title, const std::string& subtitle)
     const double room = 2 * std::min((vx0 + vx1) / 2, 1 - (vx0 + vx1) / 2) * page.width * 0.97;
     plcol0(kBlack);
     text_size(fitted(title, 1.35, room));
-    plmtex("t", 2.3, 0.5, 0.5, title.c_str());
+    plmtex("t", 2.9, 0.5, 0.5, title.c_str());
+    // Clear of a tick label at the frame's top corner.
     text_size(fitted(subtitle, 0.95, room));
-    plmtex("t", 1.0, 0.5, 0.5, subtitle.c_str());
+    plmtex("t", 1.8, 0.5, 0.5, subtitle.c_str());
 }
 
 void dots(const std::vector<double>& x, const std::vector<double>& y, double radius, int colour)

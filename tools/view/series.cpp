@@ -115,7 +115,7 @@ void draw(const SeriesOptions& o, const History& h, const Grid& grid, int64_t ro
     const double x1 = h.days.back() + xpad;
 
     open_figure(o.png, o.size);
-    viewport(120, 36, 128, 100);
+    viewport(120, 36, 128, 120);
     plwind(x0, x1, ymin, ymax);
     text_size(1.0);
     date_axis(h.days.front(), h.days.back(), ymin, ymax, true);
