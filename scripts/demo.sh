@@ -4,8 +4,9 @@
 #   1. real Sentinel-1 interferograms of Mexico City (examples/), where the
 #      basin subsides by up to about 0.3 m/yr;
 #   2. a synthetic job made by sbas-synth, whose true displacement is known,
-#      compared with what sbas-ts recovers.
-# Results go to demo-output/ in the repository.
+#      compared with what sbas-ts recovers;
+# and ends by turning the Mexico City results into GeoTIFFs, a NetCDF cube
+# and figures with sbas-view. Results go to demo-output/ in the repository.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
@@ -13,10 +14,11 @@ sbas_install_packages
 
 root=$(pwd)
 cmake -S . -B build -DCMAKE_BUILD_TYPE=Release >/dev/null
-cmake --build build -j"$(nproc)" --target sbas-ts sbas-synth sbas-quicklook
+cmake --build build -j"$(nproc)" --target sbas-ts sbas-synth sbas-quicklook sbas-view
 sbas_ts=$root/build/sbas-ts
 synth=$root/build/tools/synth/sbas-synth
 quicklook=$root/build/tools/quicklook/sbas-quicklook
+view=$root/build/tools/view/sbas-view
 out=$root/demo-output
 mkdir -p "$out"
 
@@ -63,3 +65,16 @@ tail -n 2 "$synthetic/run.log"
 echo "Estimate against truth (each map up to the constant the reference removes):"
 "$quicklook" compare "$synthetic" | sed 's/^/  /'
 echo "Outputs: $synthetic/result, truth: $synthetic/truth (log: $synthetic/run.log)"
+
+echo
+echo "== 3. The Mexico City results for a GIS and for the eye (sbas-view) =="
+figures=$out/figures
+mkdir -p "$figures"
+config=$mexico/example_config.txt
+exported=$("$view" export "$mexico/result" --config "$config" --unit mm --out "$mexico/export" | wc -l)
+echo "$exported files in $mexico/export: a GeoTIFF per raster (mm, mm/yr), and the cube displacement.nc"
+"$view" map "$mexico/result/linear_mean_velocity" --config "$config" --unit mm -o "$figures/velocity.png"
+# A pixel in the subsiding basin, in the north-east of the crop.
+"$view" series "$mexico/result" --config "$config" --lonlat -99.066 19.431 --unit mm \
+    -o "$figures/series.png" --csv "$figures/series.csv"
+"$view" network --config "$config" -o "$figures/network.png"
