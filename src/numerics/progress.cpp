@@ -94,6 +94,7 @@ void progress_begin(const char* label, int64_t total, const char* unit)
     ind.started = Clock::now();
     ind.next_draw_ns = kRedrawNs;
     ind.active = true;
+    draw(ind, 0.0);
 }
 
 void progress_add(int64_t done)

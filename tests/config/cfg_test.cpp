@@ -14,41 +14,6 @@ namespace {
 using testing_support::run_in_child;
 using testing_support::TinyJob;
 
-TEST(Defaults, EverySettingStartsAtItsDefault)
-{
-    CFG cfg;
-    lib::cfg_init(&cfg);
-    EXPECT_EQ(cfg.maxcap, 30000000);
-    EXPECT_EQ(cfg.reserved_count, 500);
-    EXPECT_FLOAT_EQ(cfg.wavelength, 0.055165f);
-    EXPECT_FLOAT_EQ(cfg.incidence, 39.0f);
-    EXPECT_FLOAT_EQ(cfg.orbit_altitude, 690000.0f);
-    EXPECT_FLOAT_EQ(cfg.temporal_strength, 0.1f);
-    EXPECT_EQ(cfg.max_parallel_threads, 4);
-    EXPECT_EQ(cfg.orbit_quad_fit_sampling, 4);
-    EXPECT_EQ(cfg.eds_block_size, 100);
-    EXPECT_EQ(cfg.if_check_loop_closure, 1);
-    EXPECT_FLOAT_EQ(cfg.loop_misclosure_threshold, 3.14f);
-    EXPECT_FLOAT_EQ(cfg.loop_misclosure_ratio_threshod, 0.5f);
-    EXPECT_FLOAT_EQ(cfg.minimum_temporal_ifg_ratio, 0.5f);
-    EXPECT_EQ(cfg.simple_log_origin, 20000101);
-    EXPECT_EQ(cfg.ref_window, 5);
-    EXPECT_EQ(cfg.ref_method, 2);
-    EXPECT_EQ(cfg.if_delete_bad_ifgs, 1);
-    EXPECT_EQ(cfg.if_allow_unlooped_ifgs, 1);
-    EXPECT_FLOAT_EQ(cfg.confidence_level, 2.0f);
-    EXPECT_FLOAT_EQ(cfg.sigma_confidence_level, 3.0f);
-    EXPECT_EQ(cfg.if_inverse_time_series, 1);
-    EXPECT_EQ(cfg.if_apply_filter, 1);
-    EXPECT_FLOAT_EQ(cfg.spatial_filter_sigma, -1.0f);
-    EXPECT_FLOAT_EQ(cfg.temporal_filter_sigma, -1.0f);
-    EXPECT_EQ(cfg.if_stacking, 0);
-    EXPECT_EQ(cfg.if_use_existing_corrected_ifg, 1);
-    EXPECT_EQ(cfg.if_use_existing_phasemask, 1);
-    EXPECT_EQ(cfg.ref_lat, 0.0f);
-    EXPECT_EQ(cfg.ref_lon, 0.0f);
-}
-
 class ConfigFile : public ::testing::Test {
 protected:
     TinyJob job{4, 3};
@@ -60,6 +25,7 @@ TEST_F(ConfigFile, UnsetKeysKeepTheirDefaultsAndTheListIsRead)
 {
     const CFG cfg = load("");
     EXPECT_EQ(cfg.maxcap, 30000000);
+    EXPECT_FLOAT_EQ(cfg.minimum_temporal_ifg_ratio, 0.5f);
     EXPECT_EQ(cfg.ref_lat, -9999.0f);
     EXPECT_EQ(cfg.ref_lon, -9999.0f);
     ASSERT_EQ(cfg.ifg_names.size(), 1u);

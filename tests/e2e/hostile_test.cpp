@@ -84,6 +84,12 @@ TEST(HostileInput, EveryCaseEndsWithOneMessageAndLeavesTheInputsAlone)
              return job.config("filelist " + job.result("least_square_sigma") + "\n");
          },
          "output @/result/least_square_sigma would overwrite the input @/result/least_square_sigma\n", kStop},
+        {"the list stored as the loop-closure check's list of kept interferograms",
+         [](TinyJob& job) {
+             fs::copy_file(job.path("list.txt"), job.result("filelist_used"));
+             return job.config("if_check_loop_closure 1\nfilelist " + job.result("filelist_used") + "\n");
+         },
+         "output @/result/filelist_used would overwrite the input @/result/filelist_used\n", kStop},
         {"the configuration stored under an output's name",
          [](TinyJob& job) {
              fs::copy_file(job.config(), job.result("refpoint"));

@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "numerics/arrays.h"
+#include "numerics/parallel.h"
 #include "numerics/stats.h"
 #include "numerics/validity.h"
 #include "support/child.h"
@@ -49,6 +50,48 @@ TEST(Statistics, HandValues)
     std::vector<float> data = {3, 1, 2};
     com::cal_median(data);
     EXPECT_EQ(data, (std::vector<float>{3, 1, 2}));  // the caller's order is kept
+}
+
+TEST(RunningMoments, HandValuesAndTheRoundedPreviousMean)
+{
+    lib::RunningMoments m;
+    for (double x : {1.0, 2.0, 4.0}) m.add(x);
+    EXPECT_EQ(m.count, 3);
+    EXPECT_DOUBLE_EQ(m.mean, 7.0 / 3.0);
+    EXPECT_DOUBLE_EQ(m.variance, 7.0 / 3.0);  // sample variance: 42/9 over 2
+
+    lib::RunningMoments exact, rounded;
+    for (double x : {0.1, 0.2}) {
+        exact.add(x);
+        rounded.add(x, lib::PreviousMean::rounded_to_float);
+    }
+    EXPECT_EQ(exact.mean, (0.1 + 0.2) / 2);
+    EXPECT_EQ(rounded.mean, (static_cast<double>(0.1f) + 0.2) / 2);
+}
+
+TEST(Batches, CutAtMaxcapWithTheSinglePrecisionTotal)
+{
+    struct Case {
+        int64_t pixels, maxcap;
+        std::vector<std::pair<int64_t, int64_t>> batches;
+    };
+    const Case cases[] = {
+        {10, 4, {{0, 4}, {4, 8}, {8, 10}}},
+        {8, 4, {{0, 4}, {4, 8}}},
+        {3, 1, {{0, 1}, {1, 2}, {2, 3}}},
+        {5, 10, {{0, 5}}},
+        {0, 5, {{0, 0}}},  // a grid without pixels still has its one batch
+    };
+    for (const Case& c : cases) {
+        std::vector<std::pair<int64_t, int64_t>> seen;
+        lib::for_each_batch(c.pixels, c.maxcap, [&](const lib::Batch& b) {
+            EXPECT_EQ(b.number, static_cast<int>(seen.size()) + 1);
+            seen.emplace_back(b.first, b.end);
+        });
+        EXPECT_EQ(seen, c.batches) << c.pixels << " / " << c.maxcap;
+    }
+    EXPECT_EQ(lib::batch_total(3, 7, 5), 5.0f);
+    EXPECT_EQ(lib::batch_total(16777217, 1, 1), 16777216.0f);  // the float total, not the count
 }
 
 TEST(Allocation, ZeroFilledBlocksAndEmptySizes)
