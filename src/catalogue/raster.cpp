@@ -54,16 +54,21 @@ FILE* open_output(const char* path, const char* mode)
 
 const char* batch_mode(int64_t batch_first) { return batch_first == 0 ? "wb" : "ab"; }
 
-void write_batch(const char* folder, const char* name, int64_t batch_first, const float* samples,
-                 int64_t count)
+void write_samples(const char* path, const char* mode, const float* samples, int64_t count)
 {
-    const Path path = join_path(folder, name);
-    FILE* stream = open_output(path.c_str(), batch_mode(batch_first));
+    FILE* stream = open_output(path, mode);
     size_t written = 0;
     if (count > 0) written = std::fwrite(samples, sizeof(float), static_cast<size_t>(count), stream);
     // A full disk must not leave a silently shortened result behind.
     if (std::fclose(stream) != 0 || static_cast<int64_t>(written) != (count > 0 ? count : 0))
-        lib::die("%s could not be written\n", path.c_str());
+        lib::die("%s could not be written\n", path);
+}
+
+void write_batch(const char* folder, const char* name, int64_t batch_first, const float* samples,
+                 int64_t count)
+{
+    const Path path = join_path(folder, name);
+    write_samples(path.c_str(), batch_mode(batch_first), samples, count);
 }
 
 }  // namespace com
