@@ -32,6 +32,7 @@
 #include "inversion/network.h"
 #include "numerics/arrays.h"
 #include "numerics/parallel.h"
+#include "quality/corrections.h"
 #include "reference/ref_point.h"
 
 namespace sbas {
@@ -143,11 +144,12 @@ void sbas_allocate_area(const char* config_path)
     if (cfg.if_check_loop_closure == 1) loop_closure_stage(cfg, pixels, mask);
 
     // The corrections switch the run to their corrected copies; the
-    // elevation-dependent one runs first.
-    bool corrections_ran = false;
-    if (cfg.if_remove_eds == 1) not_available("The elevation-dependent correction");
-    if (cfg.if_remove_orbit == 1) not_available("The orbital ramp correction");
-    if (corrections_ran && reference_consumer) {
+    // elevation-dependent one runs first. Later stages refer the corrected
+    // interferograms to a reference chosen on them.
+    const bool corrections = cfg.if_remove_eds == 1 || cfg.if_remove_orbit == 1;
+    if (cfg.if_remove_eds == 1) quality::bach_removel_height_dependent(&cfg);
+    if (cfg.if_remove_orbit == 1) quality::bach_removel_orbit(&cfg);
+    if (corrections && reference_consumer) {
         std::fputs("\n*************Updating reference point values*************\n", stderr);
         std::free(reference_values);
         reference_values = sbas_step1(&cfg);
@@ -174,7 +176,7 @@ void sbas_allocate_area(const char* config_path)
     if (cfg.if_inverse_time_series != 0)
         invert_in_batches(cfg, header, dates, baselines, reference_values, mask);
 
-    if (corrections_ran && cfg.if_keep_corrected_ifg == 0 &&
+    if (corrections && cfg.if_keep_corrected_ifg == 0 &&
         (cfg.if_inverse_time_series == 1 || cfg.if_stacking == 1))
         delete_corrected_copies(cfg);
 
