@@ -42,7 +42,10 @@ struct Sums {
 bool on_centre(double dy2, double dx) { return std::fabs(static_cast<float>(dy2 + dx * dx)) < 1e-9; }
 
 // The block sums of kWidth pixels of one row at longitudes x, over the
-// `usable` blocks of `scratch` with dy2 set for the row.
+// `usable` blocks of `scratch` with dy2 set for the row. The processor picks
+// the widest vectors it has at run time; every variant rounds each operation
+// alike (the build never fuses a multiply and an add), so the sums do not
+// depend on the machine.
 __attribute__((target_clones("avx512f", "avx2", "default")))
 void lane_sums(const IdwScratch& scratch, int64_t usable, const double* x, Sums& sums)
 {
