@@ -4,6 +4,7 @@
 #   1. real Sentinel-1 interferograms of Mexico City (examples/), where the
 #      basin subsides by up to about 0.3 m/yr;
 #   2. a synthetic job made by sbas-synth, whose true displacement is known,
+#      with two unwrapping errors for the loop-closure check to find,
 #      compared with what sbas-ts recovers;
 #   3. real ENVISAT interferograms south of Sydney (examples/) with the
 #      elevation-dependent correction, then also the orbital one, and how
@@ -62,9 +63,16 @@ echo "== 2. Synthetic job with known truth =="
 synthetic=$out/synthetic
 "$synth" --out "$synthetic" --force --width 200 --length 150 --dates 30 --spacing 12 --jitter 3 \
     --neighbours 3 --long-links 6 --deformation mixed --bodies 4 --noise 0.2 --nodata-fraction 0.2 \
-    --seed 7 --set max_parallel_threads="$(nproc)"
+    --seed 7 --unwrap-error 10,1,40,50,15 --unwrap-error 47,-1,110,150,20 \
+    --set if_check_loop_closure=1 --set whole_ifg_closure_std_threshold=-1 --set max_parallel_threads="$(nproc)"
 "$sbas_ts" "$synthetic/config.txt" 2>"$synthetic/run.log"
 tail -n 2 "$synthetic/run.log"
+# Two interferograms were given a disc slipped by one cycle, as an unwrapper
+# would; the loop-closure check (automatic threshold) should drop them.
+echo "Unwrapping errors put in (interferogram, cycles, row, col, radius):"
+grep -v '^#' "$synthetic/truth/unwrapping_errors.txt" | sed 's/^/  /'
+echo "Dropped by the loop-closure check ($(grep -c '^Connecting loop' "$synthetic/run.log") loops):"
+sed 's/^/  /' "$synthetic/result/filelist_deleted"
 echo "Estimate against truth (each map up to the constant the reference removes):"
 "$quicklook" compare "$synthetic" | sed 's/^/  /'
 echo "Outputs: $synthetic/result, truth: $synthetic/truth (log: $synthetic/run.log)"
