@@ -10,9 +10,6 @@
 // The network inversion is cut into batches of maxcap consecutive pixels
 // (batches may cut rows, see lib::for_each_batch), so only one batch of the
 // stack is in memory at a time.
-//
-// A stage that this build does not provide yet is named on standard error
-// and skipped; the run goes on with what it has.
 #include "app/driver.h"
 
 #include <cmath>
@@ -37,17 +34,13 @@
 #include "inversion/network.h"
 #include "numerics/arrays.h"
 #include "numerics/parallel.h"
+#include "quality/corrections.h"
 #include "quality/loop_closure.h"
 #include "reference/ref_point.h"
 #include "stacking/stacking.h"
 
 namespace sbas {
 namespace {
-
-void not_available(const char* stage)
-{
-    std::fprintf(stderr, "%s is not available yet in this version of sbas-ts; skipped\n", stage);
-}
 
 // The stages after the inversion, in the order if_apply_filter asks for them.
 enum class Filter { spatial, temporal, spatio_temporal };
@@ -173,11 +166,12 @@ void sbas_allocate_area(const char* config_path)
     if (cfg.if_inverse_time_series != 0 || cfg.if_stacking == 1) require_interferograms(cfg);
 
     // The corrections switch the run to their corrected copies; the
-    // elevation-dependent one runs first.
-    bool corrections_ran = false;
-    if (cfg.if_remove_eds == 1) not_available("The elevation-dependent correction");
-    if (cfg.if_remove_orbit == 1) not_available("The orbital ramp correction");
-    if (corrections_ran && reference_consumer) {
+    // elevation-dependent one runs first. Later stages refer the corrected
+    // interferograms to a reference chosen on them.
+    const bool corrections = cfg.if_remove_eds == 1 || cfg.if_remove_orbit == 1;
+    if (cfg.if_remove_eds == 1) quality::bach_removel_height_dependent(&cfg);
+    if (cfg.if_remove_orbit == 1) quality::bach_removel_orbit(&cfg);
+    if (corrections && reference_consumer) {
         std::fputs("\n*************Updating reference point values*************\n", stderr);
         std::free(reference_values);
         reference_values = sbas_step1(&cfg);
@@ -206,7 +200,7 @@ void sbas_allocate_area(const char* config_path)
         invert_in_batches(cfg, header, dates, baselines, reference_values, mask);
     }
 
-    if (corrections_ran && cfg.if_keep_corrected_ifg == 0 &&
+    if (corrections && cfg.if_keep_corrected_ifg == 0 &&
         (cfg.if_inverse_time_series == 1 || cfg.if_stacking == 1))
         delete_corrected_copies(cfg);
 

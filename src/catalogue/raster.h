@@ -68,8 +68,8 @@ void for_each_raster(const char* folder, const std::vector<std::string>& names, 
 // so the file is a whole raster after the last batch).
 const char* batch_mode(int64_t batch_first);
 
-// Writes `count` samples to the output `path` opened with open_output(path,
-// mode). A failed write ends the run with "%s could not be written\n".
+// Writes `count` samples to `path`, opened with open_output(path, mode).
+// A failed write ends the run with "%s could not be written\n".
 void write_samples(const char* path, const char* mode, const float* samples, int64_t count);
 
 // Writes `count` samples to folder "/" name, opened with batch_mode(first),

@@ -10,7 +10,6 @@
 #include <limits>
 #include <string>
 
-#include "config/fatal.h"
 #include "numerics/sink.h"
 
 namespace com {
@@ -70,8 +69,5 @@ Path map_path(const CFG& cfg, const std::vector<DATEORDER>& dates, size_t k, con
                              std::to_string(static_cast<int>(dates[0].date)) + ".disp" + suffix;
     return join_path(cfg.resultfolder, name.c_str());
 }
-
-// Never waits: a named pipe at a map's name is then refused by the reader.
-bool readable(const char* path) { return lib::opens_for_reading(path); }
 
 }  // namespace com

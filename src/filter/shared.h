@@ -60,7 +60,4 @@ double mean_date_spacing(const std::vector<DATEORDER>& dates);
 // ("" for the inversion's map, ".filtered", ".sfilter").
 Path map_path(const CFG& cfg, const std::vector<DATEORDER>& dates, size_t k, const char* suffix);
 
-// True when `path` opens for reading; the run goes on either way.
-bool readable(const char* path);
-
 }  // namespace com

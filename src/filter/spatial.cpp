@@ -22,6 +22,7 @@
 #include "catalogue/dates.h"
 #include "catalogue/header.h"
 #include "catalogue/raster.h"
+#include "config/fatal.h"
 #include "filter/shared.h"
 #include "numerics/arrays.h"
 #include "numerics/sink.h"
@@ -50,7 +51,7 @@ MapFiles map_files(int if_apply_filter)
 void filter_velocity(const CFG& cfg, const char* name, const char* line)
 {
     const com::Path input = com::join_path(cfg.resultfolder, name);
-    if (!com::readable(input.c_str())) return;
+    if (!lib::opens_for_reading(input.c_str())) return;
     const com::Path output = com::join_path(cfg.resultfolder, (std::string(name) + ".filtered").c_str());
     std::fputs(line, stderr);
     com::spatial_filter(cfg, input.c_str(), output.c_str());
@@ -69,7 +70,7 @@ void spatial_filter(CFG cfg)
     const MapFiles files = map_files(cfg.if_apply_filter);
     for (size_t k = 1; files.input && k < dates.size(); ++k) {
         const com::Path input = com::map_path(cfg, dates, k, files.input);
-        if (!com::readable(input.c_str())) continue;
+        if (!lib::opens_for_reading(input.c_str())) continue;
         const com::Path output = com::map_path(cfg, dates, k, files.output);
         std::fprintf(stderr, "spatially fitering culmap-%d-%d.disp\n", static_cast<int>(dates[k].date),
                      static_cast<int>(dates[0].date));

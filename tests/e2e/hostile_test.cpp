@@ -103,6 +103,15 @@ TEST(HostileInput, EveryCaseEndsWithOneMessageAndLeavesTheInputsAlone)
          },
          "output @/result/culmap-20200125-20200101.disp would overwrite the input @/ifg/geo_20200101_20200125.unw\n",
          kStop},
+        {"a hard link of an interferogram under its corrected copy's name",
+         [](TinyJob& job) {
+             fs::create_hard_link(job.path("ifg/geo_20200101_20200113.unw"),
+                                  job.result("geo_20200101_20200113.unw.remove_orbit"));
+             return job.config("if_remove_orbit 1\nif_use_existing_corrected_ifg 0\n");
+         },
+         "output @/result/geo_20200101_20200113.unw.remove_orbit would overwrite the input "
+         "@/ifg/geo_20200101_20200113.unw\n",
+         kStop},
         {"a header that is a character device", config("headerfile /dev/zero\n"),
          "/dev/zero is a character device, not a regular file\n", kStop},
         {"a configuration that is a character device", [](TinyJob&) { return std::string("/dev/urandom"); },
