@@ -1,213 +1,158 @@
 // Whole runs of the filters after the inversion of a small synthetic job with
-// gaps and an odd grid: which filters each if_apply_filter value runs, which
-// files they read, write and remove, and that the temporal filter's outputs
-// do not depend on maxcap. The expected maps are made in this process from
-// the run's own unfiltered maps with the filter kernels.
+// gaps and an odd grid: which filters each if_apply_filter value runs, in
+// which order, on which files, and that the temporal filter's outputs do not
+// depend on maxcap. The expected maps are made in this process from the
+// run's own unfiltered maps with the filter kernels.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
-#include <memory>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "filter/spatial.h"
 #include "filter/temporal.h"
 #include "numerics/validity.h"
-#include "support/child.h"
-#include "synth/synth.h"
+#include "support/runs.h"
 
 namespace {
 
-using testing_support::file_exists;
-using testing_support::read_floats;
-using testing_support::run_program;
+using namespace testing_support;
+using Maps = std::vector<std::vector<float>>;
 
 constexpr double kSpatialSigma = 3.0;
 constexpr double kTemporalSigma = 2.0;
+const std::string kSigmas = "spatial_filter_sigma 3\ntemporal_filter_sigma 2\n";
 
-bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
-struct Job {
-    testing_support::TempDir dir;
-    synth::Job job;
+// 15 x 11 pixels (both odd) with no-data patches, and the names of its maps.
+struct FilterJob : SynthJob {
+    explicit FilterJob(int dates)
+        : SynthJob({.width = 15, .length = 11, .dates = dates, .neighbours = dates > 2 ? 2 : 1, .seed = 4,
+                    .noise = 0.3, .nodata_fraction = 0.4, .ref_window = 3})
+    {
+        for (size_t k = 1; k < job.dates.size(); ++k) maps.push_back(synth::culmap_name(job.dates[k], job.dates[0]));
+    }
+    // A run on a cleared result folder, to a clean finish.
+    Outcome fresh_run(const std::string& extra) const
+    {
+        clear_results();
+        const Outcome o = run(extra);
+        expect_finished(o);
+        return o;
+    }
+    Maps read(const std::string& suffix) const
+    {
+        Maps out;
+        for (const auto& name : maps) out.push_back(read_floats(result(name + suffix)));
+        return out;
+    }
     std::vector<std::string> maps;  // culmap names, date order
-
-    std::string result(const std::string& name) const { return job.result_folder + "/" + name; }
-
-    // Runs with the job's settings and `extra` lines on what the result
-    // folder holds.
-    testing_support::Outcome run_on(const std::string& extra)
-    {
-        testing_support::write_text(dir / "run.txt", testing_support::read_text(job.config) + extra);
-        auto outcome = run_program({dir / "run.txt"});
-        EXPECT_TRUE(outcome.exited) << "signal " << outcome.signal;
-        EXPECT_EQ(outcome.status, 0);
-        return outcome;
-    }
-
-    // The same on a cleared result folder, to a clean finish.
-    testing_support::Outcome run(const std::string& extra)
-    {
-        std::filesystem::remove_all(job.result_folder);
-        std::filesystem::create_directory(job.result_folder);
-        auto outcome = run_on(extra);
-        EXPECT_TRUE(contains(outcome.err, "finish!\n")) << outcome.err;
-        return outcome;
-    }
 };
 
-// 15 x 11 pixels (both odd) with no-data patches; `dates` dates.
-std::unique_ptr<Job> make_job(int dates)
-{
-    auto job = std::make_unique<Job>();
-    synth::Options o;
-    o.width = 15;
-    o.length = 11;
-    o.dates = dates;
-    o.neighbours = dates > 2 ? 2 : 1;
-    o.noise = 0.3;
-    o.nodata_fraction = 0.4;
-    o.ref_window = 3;
-    o.threads = 1;
-    o.seed = 4;
-    job->job = synth::write_job(o, job->dir / "job");
-    for (size_t k = 1; k < job->job.dates.size(); ++k)
-        job->maps.push_back(synth::culmap_name(job->job.dates[k], job->job.dates[0]));
-    return job;
-}
-
-const std::string kSigmas = "spatial_filter_sigma " + std::to_string(kSpatialSigma) + "\ntemporal_filter_sigma " +
-                            std::to_string(kTemporalSigma) + "\n";
-
 // What the spatial stage does to one raster: no-data to 0, then the kernel.
-std::vector<float> spatially(std::vector<float> map, int64_t width, int64_t length)
+std::vector<float> spatially(std::vector<float> map)
 {
     for (float& x : map)
         if (!lib::isvalid(x)) x = 0.0f;
-    com::fftw_filter_2d(length, width, map.data(), kSpatialSigma, kSpatialSigma, 1);
+    com::fftw_filter_2d(11, 15, map.data(), kSpatialSigma, kSpatialSigma, 1);
     return map;
 }
 
-// What the temporal stage does to a stack of maps.
-std::vector<std::vector<float>> temporally(std::vector<std::vector<float>> maps)
+Maps spatially(Maps maps)
 {
-    const size_t n = maps.size();
-    std::vector<double> series(n);
+    for (auto& map : maps) map = spatially(map);
+    return maps;
+}
+
+// What the temporal stage does to a stack of maps.
+Maps temporally(Maps maps)
+{
+    std::vector<double> series(maps.size());
     for (size_t p = 0; p < maps[0].size(); ++p) {
-        for (size_t k = 0; k < n; ++k) series[k] = lib::isvalid(maps[k][p]) ? maps[k][p] : 0.0f;
-        float* filtered = com::fftw_1d_filter2(static_cast<int64_t>(n), series.data(), kTemporalSigma);
-        for (size_t k = 0; k < n; ++k) maps[k][p] = filtered[k];
+        for (size_t k = 0; k < maps.size(); ++k) series[k] = lib::isvalid(maps[k][p]) ? maps[k][p] : 0.0f;
+        float* filtered = com::fftw_1d_filter2(static_cast<int64_t>(maps.size()), series.data(), kTemporalSigma);
+        for (size_t k = 0; k < maps.size(); ++k) maps[k][p] = filtered[k];
         std::free(filtered);
     }
     return maps;
 }
 
-TEST(FilterRuns, EachValueRunsItsFilters)
+TEST(FilterRuns, EachValueRunsItsFiltersInOrderOnTheRightFiles)
 {
-    auto job = make_job(6);
+    const FilterJob job(6);  // 5 maps: an odd series length
+    job.fresh_run("if_apply_filter 0\n");
+    const Maps disp = job.read("");
     const std::string spatial = "Time series spatial filter start", temporal = "Time series temporal filter start",
                       both = "Time series 3D filter start";
-    struct Case {
+    const struct {
         int value;
         std::vector<std::string> banners;  // in order
-    };
-    const Case cases[] = {
-        {0, {}},          {1, {spatial}}, {2, {temporal}}, {3, {temporal, spatial}}, {4, {spatial, temporal}},
-        {5, {both}},      {7, {}},        {-1, {}},
+        std::function<Maps()> expected;    // the filtered maps, where worked out here
+    } cases[] = {
+        {0, {}, nullptr},
+        {1, {spatial}, [&] { return spatially(disp); }},
+        {2, {temporal}, [&] { return temporally(disp); }},
+        // Temporal, then spatial over the temporal outputs in place.
+        {3, {temporal, spatial}, [&] { return spatially(temporally(disp)); }},
+        // Spatial into intermediates, temporal from them, intermediates removed.
+        {4, {spatial, temporal}, [&] { return temporally(spatially(disp)); }},
+        {5, {both}, nullptr},
+        {7, {}, nullptr},
+        {-1, {}, nullptr},
     };
     for (const auto& c : cases) {
-        const auto o = job->run("if_apply_filter " + std::to_string(c.value) + "\n");
+        SCOPED_TRACE(c.value);
+        const Outcome o = job.fresh_run("if_apply_filter " + std::to_string(c.value) + "\n" + kSigmas);
         size_t at = 0;
-        for (const auto& banner : c.banners) {
-            at = o.err.find(banner, at);
-            EXPECT_NE(at, std::string::npos) << c.value << ": " << banner;
-        }
-        for (const auto& banner : {spatial, temporal, both}) {
-            const bool expected = std::count(c.banners.begin(), c.banners.end(), banner) > 0;
-            EXPECT_EQ(contains(o.err, banner), expected) << c.value << ": " << banner;
-        }
-        EXPECT_FALSE(contains(o.err, "illegal parameters")) << c.value;
-        EXPECT_EQ(file_exists(job->result(job->maps[0] + ".filtered")), !c.banners.empty()) << c.value;
-        EXPECT_FALSE(file_exists(job->result(job->maps[0] + ".sfilter"))) << c.value;
-        EXPECT_TRUE(file_exists(job->result(job->maps[0]))) << c.value;
+        for (const auto& banner : c.banners) EXPECT_NE(at = o.err.find(banner, at), std::string::npos) << banner;
+        EXPECT_EQ(contains(o.err, spatial) + contains(o.err, temporal) + contains(o.err, both), c.banners.size());
+        EXPECT_FALSE(contains(o.err, "illegal parameters"));
+        EXPECT_EQ(file_exists(job.result(job.maps[0] + ".filtered")), !c.banners.empty());
+        EXPECT_FALSE(file_exists(job.result(job.maps[0] + ".sfilter")));
+        EXPECT_EQ(job.read(""), disp);
+        EXPECT_TRUE(!c.expected || job.read(".filtered") == c.expected());
     }
-}
-
-TEST(FilterRuns, TheFilesOfEachOrder)
-{
-    auto job = make_job(6);  // 5 maps: an odd series length
-    const int64_t width = job->job.grid.width, length = job->job.grid.length;
-    auto read_maps = [&](const std::string& suffix) {
-        std::vector<std::vector<float>> maps;
-        for (const auto& name : job->maps) maps.push_back(read_floats(job->result(name + suffix)));
-        return maps;
-    };
-
-    // Spatial only: every map and the velocity; no stacking velocity to filter.
-    auto o = job->run("if_apply_filter 1\n" + kSigmas);
-    EXPECT_TRUE(contains(o.err, "spatially fitering " + job->maps[0] + "\n"));
-    EXPECT_TRUE(contains(o.err, "spatially fitering linear_mean_velocity\n"));
+    // The spatial filter alone takes the velocity too; there is no stacking
+    // velocity to filter.
+    const Outcome o = job.fresh_run("if_apply_filter 1\n" + kSigmas);
+    EXPECT_TRUE(contains(o.err, "spatially fitering " + job.maps[0] + "\n"));
     EXPECT_FALSE(contains(o.err, "linear_stacking_mean_velocity"));
-    const auto disp = read_maps("");
-    auto filtered = read_maps(".filtered");
-    for (size_t k = 0; k < disp.size(); ++k) EXPECT_EQ(filtered[k], spatially(disp[k], width, length)) << k;
-    EXPECT_EQ(read_floats(job->result("linear_mean_velocity.filtered")),
-              spatially(read_floats(job->result("linear_mean_velocity")), width, length));
-
-    // Temporal, then spatial over the temporal outputs in place.
-    job->run("if_apply_filter 3\n" + kSigmas);
-    auto expected = temporally(disp);
-    for (auto& map : expected) map = spatially(map, width, length);
-    EXPECT_EQ(read_maps(".filtered"), expected);
-
-    // Spatial into the intermediates, temporal from them, intermediates removed.
-    o = job->run("if_apply_filter 4\n" + kSigmas);
-    std::vector<std::vector<float>> spatial_first;
-    for (const auto& map : disp) spatial_first.push_back(spatially(map, width, length));
-    EXPECT_EQ(read_maps(".filtered"), temporally(spatial_first));
-    for (const auto& name : job->maps) EXPECT_FALSE(file_exists(job->result(name + ".sfilter"))) << name;
-    EXPECT_EQ(read_maps(""), disp);
+    EXPECT_EQ(read_floats(job.result("linear_mean_velocity.filtered")),
+              spatially(read_floats(job.result("linear_mean_velocity"))));
 }
 
 TEST(FilterRuns, TemporalOutputsDoNotDependOnMaxcap)
 {
-    auto job = make_job(5);
-    const int64_t pixels = job->job.grid.width * job->job.grid.length;
-    std::vector<std::vector<float>> reference;
-    for (int64_t maxcap : {pixels, int64_t{1}, int64_t{7}}) {
-        const auto o = job->run("if_apply_filter 2\nmaxcap " + std::to_string(maxcap) + "\n");
-        const int batches = static_cast<int>((pixels + maxcap - 1) / maxcap);
-        EXPECT_TRUE(contains(o.err, "\n=> Filtering batch " + std::to_string(batches) + " / " +
-                                        std::to_string(batches) + "\nNumber of dispalcement maps     : 4\n"
+    const FilterJob job(5);
+    Maps reference;
+    for (int64_t maxcap : {165, 1, 7}) {
+        const Outcome o = job.fresh_run("if_apply_filter 2\nmaxcap " + std::to_string(maxcap) + "\n");
+        const std::string batches = std::to_string((165 + maxcap - 1) / maxcap);
+        EXPECT_TRUE(contains(o.err, "\n=> Filtering batch " + batches + " / " + batches +
+                                        "\nNumber of dispalcement maps     : 4\n"
                                         "Guassian kernal sigma           : 12.00 days\n"))
             << maxcap;
-        std::vector<std::vector<float>> maps;
-        for (const auto& name : job->maps) maps.push_back(read_floats(job->result(name + ".filtered")));
-        if (reference.empty()) {
-            reference = maps;
-        } else {
-            EXPECT_EQ(maps, reference) << maxcap;  // byte for byte: no NaN in these maps
-        }
+        if (reference.empty()) reference = job.read(".filtered");
+        EXPECT_EQ(job.read(".filtered"), reference) << maxcap;  // byte for byte: no NaN in these maps
     }
 }
 
 TEST(FilterRuns, OneMap)
 {
-    auto job = make_job(2);  // one interferogram, one map
-    const auto o = job->run("if_apply_filter 5\n");
+    const FilterJob job(2);  // one interferogram, one map
+    const Outcome o = job.fresh_run("if_apply_filter 5\n");
     EXPECT_TRUE(contains(o.err, "Number of dispalcement maps     : 2\nTemporal filter sigma           : 12.000 \n"
                                 "Spatial filter sigma            : 3.900 \n"));
-    const auto disp = read_floats(job->result(job->maps[0]));
-    const auto both = read_floats(job->result(job->maps[0] + ".filtered"));
+    const auto disp = read_floats(job.result(job.maps[0]));
+    const auto both = read_floats(job.result(job.maps[0] + ".filtered"));
     ASSERT_EQ(both.size(), disp.size());
     for (size_t p = 0; p < disp.size(); ++p) EXPECT_EQ(both[p] == 0.0f, !lib::isvalid(disp[p])) << p;
 
     // A series of one sample comes back as it was, up to rounding.
-    job->run("if_apply_filter 2\n");
-    const auto series = read_floats(job->result(job->maps[0] + ".filtered"));
+    job.fresh_run("if_apply_filter 2\n");
+    const auto series = read_floats(job.result(job.maps[0] + ".filtered"));
     for (size_t p = 0; p < disp.size(); ++p)
         EXPECT_NEAR(series[p], lib::isvalid(disp[p]) ? disp[p] : 0.0f, 1e-6f * std::abs(disp[p]) + 1e-7f) << p;
 }
@@ -216,15 +161,13 @@ TEST(FilterRuns, OneMap)
 // with the size message instead of reading past the end of the file.
 TEST(FilterRuns, AShortMapStopsTheRun)
 {
-    auto job = make_job(4);
-    job->run("if_apply_filter 0\n");
-    const std::string map = job->result(job->maps[1]);
+    const FilterJob job(4);
+    job.fresh_run("if_apply_filter 0\n");
+    const std::string map = job.result(job.maps[1]);
     std::filesystem::resize_file(map, 40);
-    for (int value : {1, 2, 5}) {
-        const auto o = job->run_on("if_inverse_time_series 0\nif_apply_filter " + std::to_string(value) + "\n");
-        EXPECT_TRUE(contains(o.err, map + " file size wrong 40\n")) << value << o.err;
-        EXPECT_FALSE(contains(o.err, "finish!")) << value;
-    }
+    for (int value : {1, 2, 5})
+        expect_stop(job.run("if_inverse_time_series 0\nif_apply_filter " + std::to_string(value) + "\n"),
+                    map + " file size wrong 40\n", false);
 }
 
 }  // namespace

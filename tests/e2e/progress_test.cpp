@@ -1,15 +1,16 @@
-// The progress indicator: drawn on a terminal, erased before the program's
-// next line, and absent when standard error is a file.
+// A run of every stage on a small synthetic job with orbital ramps: it
+// finishes, leaves the inputs as they were, and draws its progress indicator
+// only on a terminal, erased before the program's next line.
 #include <gtest/gtest.h>
 
 #include <regex>
 #include <string>
 
-#include "support/child.h"
-#include "support/terminal.h"
-#include "synth/synth.h"
+#include "support/runs.h"
 
 namespace {
+
+using namespace testing_support;
 
 // Standard error without the lines that change from run to run.
 std::string steady(const std::string& err)
@@ -18,25 +19,27 @@ std::string steady(const std::string& err)
     return std::regex_replace(err, varying, "");
 }
 
-TEST(Progress, OnlyATerminalSeesItAndItLeavesNoTrace)
+TEST(Progress, EveryStageRunsAndOnlyATerminalSeesTheIndicator)
 {
-    testing_support::TempDir dir;
-    synth::Options o;
-    o.dates = 6;
-    o.threads = 1;
-    o.settings = {{"if_check_loop_closure", "1"}, {"if_use_existing_phasemask", "0"}, {"if_apply_filter", "0"}, {"maxcap", "500"}};
-    const synth::Job job = synth::write_job(o, dir / "job");
+    const SynthJob s({.dates = 6, .ramps = true, .maxcap = 500,
+                      .settings = {{"if_check_loop_closure", "1"}, {"if_use_existing_phasemask", "0"},
+                                   {"if_remove_orbit", "1"}, {"if_stacking", "1"}, {"if_apply_filter", "3"}}});
+    const auto inputs = files_under(s.job.ifg_folder);
+    const Outcome logged = run_program({s.job.config});
+    expect_finished(logged);
+    for (const char* stage : {"loop closure finish", "Updating reference point values", "orbital ramps finish",
+                              "stacking finish", "inversion finish", "temporal filter start", "spatial filter start"})
+        EXPECT_TRUE(contains(logged.err, stage)) << stage;
+    EXPECT_FALSE(contains(logged.err, "not available") || contains(logged.err, "\r"));
+    // Only the corrected copies are deleted: the inputs stay as they were.
+    EXPECT_TRUE(files_under(s.job.ifg_folder) == inputs);
+    EXPECT_FALSE(file_exists(s.result(s.job.ifgs[0] + ".remove_orbit")));
 
-    const testing_support::Outcome logged = testing_support::run_program({job.config});
-    ASSERT_TRUE(logged.exited);
-    ASSERT_NE(logged.err.find("finish!\n"), std::string::npos) << logged.err;
-    EXPECT_EQ(logged.err.find('\r'), std::string::npos);
-
-    const testing_support::Outcome seen = testing_support::run_program_on_terminal({job.config});
+    const Outcome seen = run_program_on_terminal({s.job.config});
     ASSERT_TRUE(seen.exited);
     // Every drawing starts with a carriage return and the erasing ends with
     // one; no line feed comes in between.
-    EXPECT_NE(seen.err.find("\r  "), std::string::npos) << "no indicator was drawn";
+    EXPECT_TRUE(contains(seen.err, "\r  ")) << "no indicator was drawn";
     static const std::regex indicator("\r[^\n]*\r");
     EXPECT_EQ(steady(std::regex_replace(seen.err, indicator, "")), steady(logged.err));
     EXPECT_EQ(seen.out, logged.out);

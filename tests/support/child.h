@@ -1,11 +1,12 @@
 // Test support: temporary job folders, small file helpers, and running a
-// piece of code or the sbas-ts program in a child process with its standard
-// output, standard error and exit status captured. Fatal input errors end
-// the process with status 0, so the tests must look at the streams to tell a
+// piece of code or a program in a child process with its standard output,
+// standard error and exit status captured. Fatal input errors end the
+// process with status 0, so the tests must look at the streams to tell a
 // clean finish from a stop.
 #pragma once
 
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -24,18 +25,25 @@ struct Outcome {
 inline constexpr int kReturned = 77;
 
 // Runs body() in a forked child; the child exits with kReturned when body
-// returns, and is killed when it runs past `limit_seconds`. Output is captured through files, so any amount is fine. The body
-// must not enter an OpenMP parallel region: once this process has started
-// OpenMP threads, the runtime hangs in a forked child. Code that returns is
-// captured in-process with capture_stderr instead.
+// returns, and is killed when it runs past `limit_seconds`. Output is
+// captured through files, so any amount is fine. The body must not enter an
+// OpenMP parallel region: once this process has started OpenMP threads, the
+// runtime hangs in a forked child. Code that returns is captured in-process
+// with capture_stderr instead.
 Outcome run_in_child(const std::function<void()>& body, int limit_seconds = 120);
 
 // Runs body() in this process and returns what it wrote to standard error.
 std::string capture_stderr(const std::function<void()>& body);
 
-// Runs the sbas-ts program with `args` in the folder `cwd`; a run past
-// `limit_seconds` is killed (a hang is a failure, not a stuck test suite).
-Outcome run_program(const std::vector<std::string>& args, const std::string& cwd = ".", int limit_seconds = 120);
+// Runs `program` (sbas-ts by default) with `args` in the folder `cwd`; a run
+// past `limit_seconds` is killed (a hang is a failure, not a stuck suite).
+Outcome run_program(const std::vector<std::string>& args, const std::string& cwd = ".", int limit_seconds = 120,
+                    const std::string& program = SBAS_TS_BIN);
+
+// Runs sbas-ts with standard error on a pseudo-terminal (output processing
+// off, so "\n" arrives as it was written) and standard output in a file.
+// `err` holds every byte written to the terminal.
+Outcome run_program_on_terminal(const std::vector<std::string>& args);
 
 // A fresh folder under the system's temporary folder, removed with its
 // contents when the object goes out of scope.
@@ -58,5 +66,14 @@ void write_floats(const std::string& path, const std::vector<float>& values);
 std::vector<float> read_floats(const std::string& path);
 bool file_exists(const std::string& path);
 void make_dir(const std::string& path);
+bool contains(const std::string& text, const std::string& part);
+
+// "" when `got` holds the samples of `want` (NaN matching NaN, others within
+// `tolerance` relative), else the first difference.
+std::string mismatch(const std::vector<float>& got, const std::vector<float>& want, double tolerance = 0);
+
+// The bytes of every regular file below `folder`, by path relative to it
+// (links, pipes and devices are not read).
+std::map<std::string, std::string> files_under(const std::string& folder);
 
 }  // namespace testing_support
