@@ -14,7 +14,6 @@
 #include <vector>
 
 #include "support/runs.h"
-#include "support/tiny_job.h"
 
 namespace {
 
@@ -84,7 +83,8 @@ TEST(HostileInput, EveryCaseEndsWithOneMessageAndLeavesTheInputsAlone)
          "", "@/ifg/" + b + " is a named pipe, not a regular file\n", kStop},
         {"an output that is a named pipe", "", [](TinyJob& j) { mkfifo(j.result("least_square_sigma").c_str(), 0600); },
          "", "@/result/least_square_sigma is a named pipe, not a regular file\n", kStop},
-        {"a list that is a folder", "filelist @/ifg\n", nullptr, "", "@/ifg is a directory, not a regular file\n", kStop},
+        {"a list that is a folder", "filelist @/ifg\n", nullptr, "", "@/ifg is a directory, not a regular file\n",
+         kStop},
         {"an empty list", "", [](TinyJob& j) { write_text(j.path("list.txt"), ""); }, "",
          "@/list.txt lists no interferogram: nothing to process\n", kStop},
         {"a data folder that is a file", "datafolder @/header.txt\n", nullptr, "",

@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "support/runs.h"
-#include "support/tiny_job.h"
 
 namespace {
 
@@ -50,7 +49,8 @@ TEST(CommandLine, LicenceUsageAndLookalikes)
     const Outcome usage = run_program({});
     EXPECT_TRUE(usage.exited && usage.status == 0 && contains(usage.err, "usage: sbas-ts")) << usage.err;
     const Outcome help = run_program({"--help"});
-    EXPECT_TRUE(help.status == 0 && contains(help.out, "usage: sbas-ts") && contains(help.out, "README.md")) << help.out;
+    EXPECT_TRUE(help.status == 0 && contains(help.out, "usage: sbas-ts") && contains(help.out, "README.md"))
+        << help.out;
     const Outcome version = run_program({"--version"});
     EXPECT_TRUE(version.status == 0 && version.out.starts_with("sbas-ts ")) << version.out;
     for (const std::string word : {"License", "license "}) {
@@ -73,7 +73,8 @@ TEST(Run, TheBannerTheBatchesAndTheTotalTime)
     o = run_quick({job->config("maxcap 5\n")});
     expect_finished(o);
     EXPECT_TRUE(o.err.starts_with(kRule + "\n  InSAR displacement time-series inversion\n"));
-    EXPECT_TRUE(contains(o.err, "\n*************Time series inversion start*****************\n\n=> Inversing batch 1 / 5\n"));
+    EXPECT_TRUE(contains(o.err, "\n*************Time series inversion start*****************\n\n"
+                                "=> Inversing batch 1 / 5\n"));
     EXPECT_TRUE(contains(o.err, "\n=> Inversing batch 5 / 5\nNumber of interferograms        : 3\n"
                                 "Number of pixels to estimate    : 4\n"));
     EXPECT_TRUE(o.err.ends_with("\n*************Time series inversion finish****************\n" + kTime));
@@ -90,8 +91,9 @@ TEST(BadInput, HeadersWithoutAGridDoNotCrash)
         const Outcome o = run_program({config});
         EXPECT_TRUE(o.exited && o.status == 0) << o.signal;
         // With the reference stage on the same header stops at the search.
-        expect_stop(run_program({job->config()}), "Cannot find a stable reference point!\n"
-                                                  "There are interferograms that may contain too many invalid pixels!\n",
+        expect_stop(run_program({job->config()}),
+                    "Cannot find a stable reference point!\n"
+                    "There are interferograms that may contain too many invalid pixels!\n",
                     false);
     }
 }

@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "support/runs.h"
-#include "support/tiny_job.h"
 
 namespace {
 

@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "support/runs.h"
-#include "support/tiny_job.h"
 
 namespace {
 
@@ -121,7 +120,8 @@ TEST(LoopClosure, EveryLineAndFileOfACheckThatRejects)
     EXPECT_EQ(read_text(job->result("filelist_deleted")), "geo_20200101_20200113.unw\ngeo_20200101_20200125.unw\n");
     expect_raster(job->result("phase_loop_closure_std"),
                   {0, 0, std::sqrt(4.5f), 0, 0, 0, std::sqrt(8.0f), 0, 0, std::sqrt(12.5f)});
-    expect_raster(job->result("phase_loop_closure_failed_ratio"), {kNaN, kNaN, 0.5f, kNaN, 1, kNaN, 0.5f, kNaN, 1, 0.5f});
+    expect_raster(job->result("phase_loop_closure_failed_ratio"),
+                  {kNaN, kNaN, 0.5f, kNaN, 1, kNaN, 0.5f, kNaN, 1, 0.5f});
     // Pixel 9: deviation 3.54 above 3.14. Pixels 4 and 8: every loop failed.
     expect_raster(job->result("phase_loop_closure_mask"), {0, 0, 0, 0, 1, 0, 0, 0, 1, 1});
 
@@ -183,7 +183,8 @@ TEST(LoopClosure, ATriangleIsFoundOnceAndMustBeWrittenEarlierDateFirst)
         EXPECT_EQ(read_text(job->result("filelist_statistics")),
                   kHeader + "geo_20200101_20200113.unw    0.00    1 YES\ngeo_20200101_20200125.unw    0.00    1 YES\n"
                             "geo_20200113_20200125.unw    0.00    1 YES\n");
-        EXPECT_EQ(o.err.find("Connecting loop 20200101-20200113-20200125, std= 0.000\n"), o.err.rfind("Connecting loop"));
+        EXPECT_EQ(o.err.find("Connecting loop 20200101-20200113-20200125, std= 0.000\n"),
+                  o.err.rfind("Connecting loop"));
     }
 }
 
@@ -207,13 +208,9 @@ TEST(LoopClosure, WithoutLoopsBothThresholdsFallBackTo628)
 
     o = run_program({job->config(kSettings + "if_allow_unlooped_ifgs 0\n")});
     EXPECT_TRUE(contains(o.err, "deleting geo_20200113_20200125.unw, std = 9999.00, number of loops =    0\n"));
-    EXPECT_TRUE(contains(read_text(job->result("filelist_statistics")), "\ngeo_20200125_20200206.unw 9999.0    0 NO\n"));
+    EXPECT_TRUE(
+        contains(read_text(job->result("filelist_statistics")), "\ngeo_20200125_20200206.unw 9999.0    0 NO\n"));
     EXPECT_EQ(read_text(job->result("filelist_used")), "");
-}
-
-bool on_disc(const synth::UnwrapError& e, int r, int c)
-{
-    return (r - e.row) * (r - e.row) + (c - e.col) * (c - e.col) <= e.radius * e.radius;
 }
 
 int ifg_of(const synth::Job& job, int early, int late)
@@ -234,40 +231,36 @@ TEST(LoopClosure, UnwrappingErrorsAreFoundAndTheirInterferogramsDropped)
     o.unwrap_error_patches = {
         {ifg_of(j, 4, 5), 1, 12, 12, 9}, {ifg_of(j, 9, 11), -1, 36, 48, 10}, {ifg_of(j, 14, 17), 2, 10, 48, 8}};
     const SynthJob slipped(o);
-    // RMS velocity error over all pixels and over the slipped discs.
-    const auto errors = [&](const SynthJob& s) {
+    std::vector<bool> on_slip(64 * 48);
+    for (int p = 0; p < 64 * 48; ++p)
+        for (const auto& e : o.unwrap_error_patches)
+            on_slip[p] = on_slip[p] || std::pow(p / 64 - e.row, 2) + std::pow(p % 64 - e.col, 2) <= e.radius * e.radius;
+    // RMS velocity error over the estimated pixels, all or on the discs.
+    const auto rms = [&](const SynthJob& s, bool discs) {
         const std::vector<double> error = velocity_error(s);
-        double all = 0, discs = 0;
-        size_t n_all = 0, n_discs = 0;
-        for (int p = 0; p < 64 * 48; ++p) {
-            if (std::isnan(error[p])) continue;
-            all += error[p] * error[p], ++n_all;
-            for (const auto& e : o.unwrap_error_patches)
-                if (on_disc(e, p / 64, p % 64)) discs += error[p] * error[p], ++n_discs;
-        }
-        return std::make_pair(std::sqrt(all / n_all), std::sqrt(discs / n_discs));
+        double sum = 0;
+        size_t n = 0;
+        for (size_t p = 0; p < error.size(); ++p)
+            if (!std::isnan(error[p]) && (on_slip[p] || !discs)) sum += error[p] * error[p], ++n;
+        return std::sqrt(sum / n);
     };
     expect_finished(clean.run());
     expect_finished(slipped.run());
-    const auto [clean_all, clean_discs] = errors(clean);
-    const auto [unchecked_all, unchecked_discs] = errors(slipped);
+    const double clean_all = rms(clean, false), clean_discs = rms(clean, true);
+    const double unchecked_all = rms(slipped, false), unchecked_discs = rms(slipped, true);
     // Automatic threshold for the interferograms; the pixel tests are loose
     // so that every pixel is still estimated and the velocities compare.
     expect_finished(slipped.run("if_check_loop_closure 1\nwhole_ifg_closure_std_threshold -1\n"
                                 "loop_closure_mean_std_threshold 100\n"));
-    const auto [checked_all, checked_discs] = errors(slipped);
+    const double checked_all = rms(slipped, false), checked_discs = rms(slipped, true);
 
-    // Exactly the slipped ones, in list order (the slips are listed so).
+    // Exactly the slipped ones, in list order (the slips are listed so), and
+    // failed loops exactly on the slipped discs.
     std::string expected;
     for (const auto& e : o.unwrap_error_patches) expected += j.ifgs[e.ifg] + "\n";
     EXPECT_EQ(read_text(slipped.result("filelist_deleted")), expected);
-    // Failed loops exactly on the slipped discs.
     const auto ratio = slipped.raster(slipped.result("phase_loop_closure_failed_ratio"));
-    for (int p = 0; p < 64 * 48; ++p) {
-        bool slip = false;
-        for (const auto& e : o.unwrap_error_patches) slip |= on_disc(e, p / 64, p % 64);
-        EXPECT_EQ(ratio[p] > 0.0f, slip) << p / 64 << "," << p % 64;
-    }
+    for (int p = 0; p < 64 * 48; ++p) EXPECT_EQ(ratio[p] > 0.0f, on_slip[p]) << p / 64 << "," << p % 64;
     std::printf("velocity RMS error, rad/yr (all pixels / slipped discs): no slips %.4f / %.4f, "
                 "slipped %.4f / %.4f, slipped and checked %.4f / %.4f\n",
                 clean_all, clean_discs, unchecked_all, unchecked_discs, checked_all, checked_discs);

@@ -99,7 +99,8 @@ Outcome run_forked(const std::function<void()>& body, int limit_seconds, bool on
     close(err_fd);
     Outcome outcome;
     char buffer[4096];
-    for (ssize_t n; master >= 0 && (n = read(master, buffer, sizeof buffer)) > 0;) outcome.err.append(buffer, size_t(n));
+    for (ssize_t n; master >= 0 && (n = read(master, buffer, sizeof buffer)) > 0;)
+        outcome.err.append(buffer, static_cast<size_t>(n));
     if (master >= 0) close(master);
     const int raw = wait_with_limit(pid, limit_seconds, outcome.timed_out);
     outcome.exited = WIFEXITED(raw);
@@ -168,8 +169,8 @@ std::string read_text(const std::string& path)
 
 void write_floats(const std::string& path, const std::vector<float>& values)
 {
-    std::ofstream file(path, std::ios::binary);
-    file.write(reinterpret_cast<const char*>(values.data()), static_cast<std::streamsize>(values.size() * sizeof(float)));
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char*>(values.data()), static_cast<std::streamsize>(values.size() * 4));
 }
 
 std::vector<float> read_floats(const std::string& path)
@@ -190,7 +191,8 @@ std::string mismatch(const std::vector<float>& got, const std::vector<float>& wa
 {
     if (got.size() != want.size()) return std::to_string(got.size()) + " samples, not " + std::to_string(want.size());
     for (size_t p = 0; p < want.size(); ++p)
-        if (std::isnan(want[p]) ? !std::isnan(got[p]) : !(std::fabs(got[p] - want[p]) <= tolerance * std::fabs(want[p])))
+        if (std::isnan(want[p]) ? !std::isnan(got[p])
+                                : !(std::fabs(got[p] - want[p]) <= tolerance * std::fabs(want[p])))
             return "sample " + std::to_string(p) + ": " + std::to_string(got[p]) + ", not " + std::to_string(want[p]);
     return "";
 }
@@ -203,6 +205,31 @@ std::map<std::string, std::string> files_under(const std::string& folder)
         if (fs::is_regular_file(entry.symlink_status()))
             files[fs::relative(entry.path(), folder).string()] = read_text(entry.path().string());
     return files;
+}
+
+TinyJob::TinyJob(int64_t width, int64_t length)
+{
+    make_dir(dir_ / "ifg");
+    make_dir(dir_ / "result");
+    write_text(dir_ / "header.txt", "WIDTH " + std::to_string(width) + "\nFILE_LENGTH " + std::to_string(length) +
+                                        "\nX_FIRST 100.0\nY_FIRST 30.0\nX_STEP 0.01\nY_STEP -0.01\n");
+}
+
+void TinyJob::add_ifg(const std::string& name, const std::vector<float>& samples)
+{
+    write_floats(dir_ / ("ifg/" + name), samples);
+    names_.push_back(name);
+}
+
+std::string TinyJob::config(const std::string& extra) const
+{
+    std::string list;
+    for (const auto& name : names_) list += name + "\n";
+    write_text(dir_ / "list.txt", list);
+    write_text(dir_ / "config.txt", "resultfolder " + (dir_ / "result") + "\nheaderfile " + (dir_ / "header.txt") +
+                                        "\nfilelist " + (dir_ / "list.txt") + "\ndatafolder " + (dir_ / "ifg") +
+                                        "\nif_check_loop_closure 0\nif_apply_filter 0\n" + extra);
+    return dir_ / "config.txt";
 }
 
 }  // namespace testing_support

@@ -1,10 +1,11 @@
-// Test support: temporary job folders, small file helpers, and running a
-// piece of code or a program in a child process with its standard output,
+// Test support: temporary folders, tiny hand-made jobs, small file helpers,
+// and running a piece of code or a program in a child process with its standard output,
 // standard error and exit status captured. Fatal input errors end the
 // process with status 0, so the tests must look at the streams to tell a
 // clean finish from a stop.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <string>
@@ -75,5 +76,30 @@ std::string mismatch(const std::vector<float>& got, const std::vector<float>& wa
 // The bytes of every regular file below `folder`, by path relative to it
 // (links, pipes and devices are not read).
 std::map<std::string, std::string> files_under(const std::string& folder);
+
+// A tiny hand-made job: a header (X_FIRST 100, Y_FIRST 30, steps 0.01 and
+// -0.01), a data folder of rasters written sample by sample, a list, a
+// result folder and a configuration file.
+class TinyJob {
+public:
+    TinyJob(int64_t width, int64_t length);
+
+    // Writes ifg/<name> with `samples` and appends the name to the list.
+    void add_ifg(const std::string& name, const std::vector<float>& samples);
+
+    // Writes the list file from the names added so far (one per line, ending
+    // with one line feed) and config.txt: the four paths, the stages that are
+    // not under test switched off, then `extra` (later lines win). Returns
+    // the configuration's path.
+    std::string config(const std::string& extra = "") const;
+
+    std::string path(const std::string& name) const { return dir_ / name; }
+    std::string result(const std::string& name) const { return dir_ / ("result/" + name); }
+    const std::string& folder() const { return dir_.path(); }
+
+private:
+    TempDir dir_;
+    std::vector<std::string> names_;
+};
 
 }  // namespace testing_support

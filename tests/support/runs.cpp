@@ -28,7 +28,8 @@ std::string between(const std::string& err, const std::string& first, const std:
 {
     const size_t from = err.find(first);
     const size_t to = err.find(last, from == std::string::npos ? 0 : from);
-    if (from == std::string::npos || to == std::string::npos) return "(no \"" + first + "\" ... \"" + last + "\" in)\n" + err;
+    if (from == std::string::npos || to == std::string::npos)
+        return "(no \"" + first + "\" ... \"" + last + "\" in)\n" + err;
     return err.substr(from, to + last.size() - from);
 }
 

@@ -30,7 +30,8 @@ std::uint64_t hash_of(const synth::Job& job)
         h = (h ^ 0xffu) * 1099511628211ULL;
     };
     for (auto [name, text] : files_under(job.folder)) {
-        for (std::size_t at; (at = text.find(job.folder)) != std::string::npos;) text.replace(at, job.folder.size(), "JOB");
+        for (std::size_t at; (at = text.find(job.folder)) != std::string::npos;)
+            text.replace(at, job.folder.size(), "JOB");
         add(name);
         add(text);
     }

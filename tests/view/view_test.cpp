@@ -14,7 +14,6 @@
 #include <vector>
 
 #include "support/child.h"
-#include "support/tiny_job.h"
 
 namespace {
 
@@ -62,10 +61,6 @@ protected:
     }
 
     std::string path(const std::string& name) const { return job_.path(name); }
-    Outcome export_all() const
-    {
-        return view({"export", path("result"), "--config", path("config.txt"), "--unit", "mm", "--out", path("out")});
-    }
 
     TinyJob job_;
 };
@@ -84,9 +79,10 @@ std::pair<int, int> png_size(const std::string& file)
     return {be32(16), be32(20)};
 }
 
-TEST_F(ViewTest, GeoTiffsCarryTheGridCrsNoDataAndConvertedValues)
+TEST_F(ViewTest, ExportedGeoTiffsAndCubeCarryTheGridUnitsNoDataAndConvertedValues)
 {
-    const Outcome run = export_all();
+    const Outcome run =
+        view({"export", path("result"), "--config", path("config.txt"), "--unit", "mm", "--out", path("out")});
     ASSERT_EQ(run.status, 0) << run.err;
     GDALAllRegister();
     // The values of a GeoTIFF's band, and its unit.
@@ -103,11 +99,11 @@ TEST_F(ViewTest, GeoTiffsCarryTheGridCrsNoDataAndConvertedValues)
     };
     GDALDatasetH velocity = nullptr, mask = nullptr, map = nullptr;
     std::string unit;
-    const std::vector<float> values = band("linear_mean_velocity.tif", velocity, unit);
+    const std::vector<float> speed = band("linear_mean_velocity.tif", velocity, unit);
     ASSERT_NE(velocity, nullptr);
     EXPECT_EQ(unit, "mm/yr");
-    EXPECT_TRUE(std::isnan(values[0]));
-    for (int p : {1, 6, 11}) EXPECT_FLOAT_EQ(values[p], static_cast<float>(raster(2.0)[p] * kToMm)) << p;
+    EXPECT_TRUE(std::isnan(speed[0]));
+    for (int p : {1, 6, 11}) EXPECT_FLOAT_EQ(speed[p], static_cast<float>(raster(2.0)[p] * kToMm)) << p;
     double transform[6];
     ASSERT_EQ(GDALGetGeoTransform(velocity, transform), CE_None);
     // The header's first sample (100, 30) is the first pixel's centre.
@@ -127,12 +123,8 @@ TEST_F(ViewTest, GeoTiffsCarryTheGridCrsNoDataAndConvertedValues)
     ASSERT_NE(map, nullptr);
     EXPECT_STREQ(GDALGetMetadataItem(map, "DATE", nullptr), "2020-01-25");
     for (GDALDatasetH set : {velocity, mask, map}) GDALClose(set);
-}
 
-TEST_F(ViewTest, CubeHoldsTheTimeAxisAndEachPixelsHistory)
-{
-    const Outcome run = export_all();
-    ASSERT_EQ(run.status, 0) << run.err;
+    // The cube: the time axis and each pixel's history.
     int nc = -1;
     ASSERT_EQ(nc_open(path("out/displacement.nc").c_str(), NC_NOWRITE, &nc), NC_NOERR);
     const auto text = [&](const char* variable, const char* name) {
