@@ -4,13 +4,11 @@
 // child's side closes (EIO on Linux).
 #include "support/child.h"
 
-#include <fcntl.h>
 #include <pty.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cmath>
 #include <csignal>
 #include <cstdio>
@@ -19,7 +17,6 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
-#include <thread>
 
 namespace testing_support {
 namespace {
@@ -36,23 +33,6 @@ int temporary_file(char* name)
     const int fd = mkstemp(name);
     if (fd < 0) throw std::runtime_error("cannot create a capture file");
     return fd;
-}
-
-// Waits for `pid` up to `limit_seconds`, then kills it.
-int wait_with_limit(pid_t pid, int limit_seconds, bool& timed_out)
-{
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(limit_seconds);
-    int raw = 0;
-    while (waitpid(pid, &raw, WNOHANG) == 0) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            timed_out = true;
-            kill(pid, SIGKILL);
-            waitpid(pid, &raw, 0);
-            break;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return raw;
 }
 
 [[noreturn]] void exec_program(const std::string& program, std::vector<std::string> args, const std::string& cwd)
@@ -91,6 +71,7 @@ Outcome run_forked(const std::function<void()>& body, int limit_seconds, bool on
         dup2(err_fd, STDERR_FILENO);
         close(out_fd);
         close(err_fd);
+        alarm(static_cast<unsigned>(limit_seconds));  // kept across exec
         body();
         std::fflush(nullptr);
         _exit(kReturned);
@@ -102,10 +83,12 @@ Outcome run_forked(const std::function<void()>& body, int limit_seconds, bool on
     for (ssize_t n; master >= 0 && (n = read(master, buffer, sizeof buffer)) > 0;)
         outcome.err.append(buffer, static_cast<size_t>(n));
     if (master >= 0) close(master);
-    const int raw = wait_with_limit(pid, limit_seconds, outcome.timed_out);
+    int raw = 0;
+    waitpid(pid, &raw, 0);
     outcome.exited = WIFEXITED(raw);
     if (outcome.exited) outcome.status = WEXITSTATUS(raw);
     if (WIFSIGNALED(raw)) outcome.signal = WTERMSIG(raw);
+    outcome.timed_out = outcome.signal == SIGALRM;
     outcome.out = slurp_and_remove(out_name);
     outcome.err += slurp_and_remove(err_name);
     return outcome;

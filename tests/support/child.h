@@ -17,7 +17,7 @@ struct Outcome {
     bool exited = false;      // ended by exit, not by a signal
     int status = -1;          // exit status when exited
     int signal = 0;           // signal number otherwise
-    bool timed_out = false;   // killed (SIGKILL) for running past its time limit
+    bool timed_out = false;   // killed (SIGALRM) for running past its time limit
     std::string out;          // standard output
     std::string err;          // standard error
 };
