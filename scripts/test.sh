@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Builds sbas-ts and runs every test through ctest, twice: an optimised
-# build, and a build under AddressSanitizer and UndefinedBehaviorSanitizer.
+# build, and a build under AddressSanitizer and UndefinedBehaviorSanitizer;
+# then each fuzz harness of the readers for a few seconds, so that a reader
+# that crashes or hangs on its seed files or near them is caught here.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
@@ -14,3 +16,5 @@ ctest --test-dir build --output-on-failure -j"$jobs"
 cmake -S . -B build-sanitize -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSBAS_SANITIZE=ON
 cmake --build build-sanitize -j"$jobs"
 ctest --test-dir build-sanitize --output-on-failure -j"$jobs"
+
+scripts/fuzz.sh 5

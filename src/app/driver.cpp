@@ -10,17 +10,16 @@
 // The network inversion is cut into batches of maxcap consecutive pixels
 // (batches may cut rows, see lib::for_each_batch), so only one batch of the
 // stack is in memory at a time.
-//
-// A stage that this build does not provide yet is named on standard error
-// and skipped; the run goes on with what it has.
 #include "app/driver.h"
 
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <vector>
 
+#include "app/job_checks.h"
 #include "catalogue/baselines.h"
 #include "catalogue/dates.h"
 #include "catalogue/filelist.h"
@@ -29,18 +28,19 @@
 #include "catalogue/stack.h"
 #include "config/cfg.h"
 #include "config/fatal.h"
+#include "filter/spatial.h"
+#include "filter/spatio_temporal.h"
+#include "filter/temporal.h"
 #include "inversion/network.h"
 #include "numerics/arrays.h"
 #include "numerics/parallel.h"
+#include "quality/corrections.h"
+#include "quality/loop_closure.h"
 #include "reference/ref_point.h"
+#include "stacking/stacking.h"
 
 namespace sbas {
 namespace {
-
-void not_available(const char* stage)
-{
-    std::fprintf(stderr, "%s is not available yet in this version of sbas-ts; skipped\n", stage);
-}
 
 // The stages after the inversion, in the order if_apply_filter asks for them.
 enum class Filter { spatial, temporal, spatio_temporal };
@@ -57,28 +57,44 @@ std::vector<Filter> filters_for(int if_apply_filter)
     }
 }
 
-void run_filter(Filter filter, CFG /*own copy for the filter*/)
+// Each filter works on its own copy of the record.
+void run_filter(Filter filter, CFG cfg)
 {
     switch (filter) {
-    case Filter::spatial: not_available("The spatial filter"); break;
-    case Filter::temporal: not_available("The temporal filter"); break;
-    case Filter::spatio_temporal: not_available("The spatio-temporal filter"); break;
+    case Filter::spatial: spatial_filter(cfg); break;
+    case Filter::temporal: temporal_filter(cfg); break;
+    case Filter::spatio_temporal: spatial_temporal_filter(cfg); break;
     }
 }
 
-// Step of the loop-closure check: fills `mask` (pixel_count floats, zeroed)
-// from "phase_loop_closure_mask" when there is one to use.
-void loop_closure_stage(const CFG& cfg, int64_t pixels, float* mask)
+// Keeps the reference values of the interferograms that are still listed:
+// `kept` is `before` with some names removed, order unchanged, and values[k]
+// belongs to before[k]. Values stay one per listed interferogram in list
+// order, as the loader expects them.
+void keep_reference_values(const std::vector<std::string>& before, const std::vector<std::string>& kept,
+                           float* values)
 {
-    const com::Path mask_path = com::join_path(cfg.resultfolder, "phase_loop_closure_mask");
-    FILE* existing = std::fopen(mask_path.c_str(), "rb");
-    const bool reuse = existing && cfg.if_use_existing_phasemask != 0;
-    if (existing) std::fclose(existing);
+    size_t from = 0;
+    for (size_t k = 0; k < kept.size(); ++k) {
+        while (from < before.size() && before[from] != kept[k]) ++from;
+        values[k] = from < before.size() ? values[from++] : 0.0f;
+    }
+}
+
+// Step of the loop-closure check: runs the check unless an existing mask is
+// to be reused, then fills `mask` (pixel_count floats, zeroed) from
+// "phase_loop_closure_mask". The check may drop interferograms from the
+// record; the reference values follow the list.
+void loop_closure_stage(CFG* cfg, int64_t pixels, float* mask, float* reference_values)
+{
+    const com::Path mask_path = com::join_path(cfg->resultfolder, "phase_loop_closure_mask");
+    const bool reuse = lib::opens_for_reading(mask_path.c_str()) && cfg->if_use_existing_phasemask != 0;
     if (reuse) {
         std::fputs("Use existing phase closure mask\n", stderr);
     } else {
-        not_available("The loop-closure check");
-        return;
+        const std::vector<std::string> before = cfg->ifg_names;
+        quality::remove_ifg_by_loop_closure_with_reference(cfg, reference_values);
+        keep_reference_values(before, cfg->ifg_names, reference_values);
     }
     // A mask shorter than the grid is taken as it is: the rest stays 0.
     FILE* file = lib::fopen_zq(mask_path.c_str(), "rb");
@@ -125,6 +141,11 @@ void delete_corrected_copies(const CFG& cfg)
 void sbas_allocate_area(const char* config_path)
 {
     CFG cfg = lib::loadcfg(config_path);
+    // Before any stage writes: a thread count the machine can run, a list to
+    // work on, and no output over an input.
+    cfg.max_parallel_threads = lib::usable_threads(cfg.max_parallel_threads);
+    require_interferograms(cfg);
+    refuse_outputs_over_inputs(cfg, config_path);
     const bool reference_consumer = cfg.if_check_loop_closure == 1 || cfg.if_inverse_time_series == 1 ||
                                     cfg.if_stacking == 1;
 
@@ -140,14 +161,17 @@ void sbas_allocate_area(const char* config_path)
     const int64_t pixels = com::pixel_count(header);
     float* mask = lib::need<float>(pixels);
 
-    if (cfg.if_check_loop_closure == 1) loop_closure_stage(cfg, pixels, mask);
+    if (cfg.if_check_loop_closure == 1) loop_closure_stage(&cfg, pixels, mask, reference_values);
+    // The check may have rejected every interferogram.
+    if (cfg.if_inverse_time_series != 0 || cfg.if_stacking == 1) require_interferograms(cfg);
 
     // The corrections switch the run to their corrected copies; the
-    // elevation-dependent one runs first.
-    bool corrections_ran = false;
-    if (cfg.if_remove_eds == 1) not_available("The elevation-dependent correction");
-    if (cfg.if_remove_orbit == 1) not_available("The orbital ramp correction");
-    if (corrections_ran && reference_consumer) {
+    // elevation-dependent one runs first. Later stages refer the corrected
+    // interferograms to a reference chosen on them.
+    const bool corrections = cfg.if_remove_eds == 1 || cfg.if_remove_orbit == 1;
+    if (cfg.if_remove_eds == 1) quality::bach_removel_height_dependent(&cfg);
+    if (cfg.if_remove_orbit == 1) quality::bach_removel_orbit(&cfg);
+    if (corrections && reference_consumer) {
         std::fputs("\n*************Updating reference point values*************\n", stderr);
         std::free(reference_values);
         reference_values = sbas_step1(&cfg);
@@ -169,12 +193,14 @@ void sbas_allocate_area(const char* config_path)
     cfg.n_ifg = static_cast<int>(cfg.ifg_names.size());
     cfg.n_date = static_cast<int>(dates.size());
 
-    if (cfg.if_stacking == 1) not_available("Linear stacking");
+    if (cfg.if_stacking == 1) rstacking::start_rstacking(cfg, mask, reference_values);
 
-    if (cfg.if_inverse_time_series != 0)
+    if (cfg.if_inverse_time_series != 0) {
+        warn_physical_settings(cfg);
         invert_in_batches(cfg, header, dates, baselines, reference_values, mask);
+    }
 
-    if (corrections_ran && cfg.if_keep_corrected_ifg == 0 &&
+    if (corrections && cfg.if_keep_corrected_ifg == 0 &&
         (cfg.if_inverse_time_series == 1 || cfg.if_stacking == 1))
         delete_corrected_copies(cfg);
 
@@ -185,8 +211,7 @@ void sbas_allocate_area(const char* config_path)
     // The filters work on the interferograms the loop-closure check kept, under
     // their list names, also when the list was left by an earlier run.
     const com::Path used = com::join_path(cfg.resultfolder, "filelist_used");
-    if (FILE* list = std::fopen(used.c_str(), "r")) {
-        std::fclose(list);
+    if (lib::opens_for_reading(used.c_str())) {
         std::snprintf(cfg.filelist, sizeof cfg.filelist, "%s", used.c_str());
         com::readfilenamelist(&cfg, cfg.filelist);
     }

@@ -46,6 +46,10 @@ int run(int argc, char** argv)
         return 0;
     }
     char argument[1000];
+    // A cut path would name another file.
+    if (std::strlen(argv[1]) >= sizeof argument)
+        lib::die("the configuration path is longer than %zu characters, which is not supported\n",
+                 sizeof argument - 1);
     std::snprintf(argument, sizeof argument, "%s", argv[1]);
     if (std::strcmp(argument, "license") == 0) {
         print_license();

@@ -8,13 +8,17 @@
 // A pair is matched in the order of the names: the reversed pair would carry
 // the opposite sign, so it is not taken. Lists often mark a baseline they
 // could not compute with a large negative number; anything below -99999 is
-// treated as absent, and so is a value that is not a number (it would turn
-// every DEM error of the run into NaN). A missing baseline stops the run, because the DEM-error
-// term of the inversion is meaningless without every one of them.
+// treated as absent, and so is a value that is not a finite number (NaN, an
+// infinity, or a number such as 1e39 that overflows single precision): it
+// would turn every output of the run into NaN. A missing baseline stops the
+// run, because the DEM-error term of the inversion is meaningless without
+// every one of them.
 #include "catalogue/baselines.h"
 
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 
 #include "catalogue/filelist.h"
 #include "config/cfg.h"
@@ -28,22 +32,29 @@ namespace {
 constexpr float kNoBaseline = -999999.0f;  // marker until a record is found
 constexpr double kLowestBaseline = -99999.0;
 
+struct FreeBlock {
+    void operator()(BASELINE* p) const { std::free(p); }
+};
+using Block = std::unique_ptr<BASELINE, FreeBlock>;
+
 }  // namespace
 
 BASELINE* get_baselines(const CFG& cfg)
 {
-    FILE* file = lib::fopen_zq(cfg.baselines, "r");
+    const lib::File file(lib::fopen_zq(cfg.baselines, "r"));
 
     size_t lines = 0;
-    lib::for_each_line(file, true, [&](char*) { ++lines; });
+    lib::for_each_line(file.get(), cfg.baselines, true, [&](char*) { ++lines; });
 
     // One spare record keeps an empty file from looking like a failed
-    // allocation.
-    auto* table = lib::need<BASELINE>(static_cast<int64_t>(lines) + 1);
+    // allocation. Both blocks are released should a stop unwind the stack
+    // (a fuzz harness's ending); a run ends in the sink instead.
+    const Block table_block(lib::need<BASELINE>(static_cast<int64_t>(lines) + 1));
+    BASELINE* table = table_block.get();
 
-    std::rewind(file);
+    std::rewind(file.get());
     size_t rows = 0;
-    lib::for_each_line(file, true, [&](char* line) {
+    lib::for_each_line(file.get(), cfg.baselines, true, [&](char* line) {
         if (rows == lines) return;  // the file grew between the two passes
         char field[lib::kFieldBytes];
         lib::substr(field, line, 1);
@@ -53,12 +64,12 @@ BASELINE* get_baselines(const CFG& cfg)
         lib::substr(field, line, 2);
         record.bperp = static_cast<float>(lib::double_prefix(field));
     });
-    std::fclose(file);
 
     // Never null: an empty interferogram list gives a block with no records
     // in use, released like any other.
     const size_t n = cfg.ifg_names.size();
-    auto* result = lib::need<BASELINE>(n == 0 ? 1 : static_cast<int64_t>(n));
+    Block result_block(lib::need<BASELINE>(n == 0 ? 1 : static_cast<int64_t>(n)));
+    BASELINE* result = result_block.get();
 
     for (size_t i = 0; i < n; ++i) {
         const char* name = cfg.ifg_names[i].c_str();
@@ -70,11 +81,10 @@ BASELINE* get_baselines(const CFG& cfg)
         while (k < rows && !(table[k].date1 == wanted.date1 && table[k].date2 == wanted.date2)) ++k;
         if (k == rows) lib::die("baseline for %d-%d not found\n", wanted.date1, wanted.date2);
         wanted.bperp = table[k].bperp;
-        if (!(wanted.bperp >= kLowestBaseline)) lib::die("baseline for %d-%d not found\n", wanted.date1, wanted.date2);
+        if (!(std::isfinite(wanted.bperp) && wanted.bperp >= kLowestBaseline))
+            lib::die("baseline for %d-%d not found\n", wanted.date1, wanted.date2);
     }
-
-    std::free(table);
-    return result;
+    return result_block.release();
 }
 
 }  // namespace com

@@ -18,7 +18,7 @@ namespace com {
 // One BASELINE per entry of cfg.ifg_names, in list order, from the file named
 // by cfg.baselines. The caller releases the block with std::free; it is
 // never null, also for an empty list. A pair without a line, or with a
-// baseline below -99999, ends the run with "baseline for %d-%d not found\n"
+// baseline below -99999 or not finite, ends the run with "baseline for %d-%d not found\n"
 // on standard error.
 BASELINE* get_baselines(const CFG& cfg);
 

@@ -6,6 +6,7 @@
 // The list reader is strict on purpose: an empty line anywhere, the end of the
 // file included, yields the name " " without dates and stops the run. A list
 // written by hand with a trailing blank line is caught before hours of work.
+// So is a name longer than a field holds: cut, it would name another file.
 #include "catalogue/filelist.h"
 
 #include <string>
@@ -65,10 +66,10 @@ void readfilenamelist(CFG* cfg, const char* path)
     std::vector<std::string> names;
     std::vector<int> date1;
     std::vector<int> date2;
-    FILE* file = lib::fopen_zq(path, "r");
-    lib::for_each_line(file, true, [&](char* line) {
+    const lib::File file(lib::fopen_zq(path, "r"));
+    lib::for_each_line(file.get(), path, true, [&](char* line, long number) {
         char name[lib::kFieldBytes];
-        lib::substr(name, line, 1);
+        if (lib::substr(name, line, 1) >= lib::kFieldBytes) lib::refuse_long_field(path, number);
         names.emplace_back(name);
         const int first = phsfilename2date(name, 1);
         if (first == 0) lib::die("%s format error\n", name);
@@ -77,7 +78,6 @@ void readfilenamelist(CFG* cfg, const char* path)
         if (second == 0) lib::die("%s format error\n", name);
         date2.push_back(second);
     });
-    std::fclose(file);
     cfg->ifg_names = std::move(names);
     cfg->ifg_date1 = std::move(date1);
     cfg->ifg_date2 = std::move(date2);

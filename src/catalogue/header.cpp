@@ -24,9 +24,8 @@ const lib::Key<HEADER> kKeys[] = {
 HEADER readheader(const char* path)
 {
     HEADER header;
-    FILE* file = lib::fopen_zq(path, "r");
-    lib::read_keyed(file, kKeys, header);
-    std::fclose(file);
+    const lib::File file(lib::fopen_zq(path, "r"));
+    lib::read_keyed(file.get(), path, kKeys, header);
     return header;
 }
 

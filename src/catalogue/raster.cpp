@@ -4,6 +4,7 @@
 #include "catalogue/raster.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -42,11 +43,23 @@ void read_raster(const char* path, int64_t first, int64_t count, float* out)
 FILE* open_output(const char* path, const char* mode)
 {
     const bool append = mode[0] == 'a';
-    const int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | (append ? O_APPEND : O_TRUNC);
+    // O_NONBLOCK: a named pipe without a reader would hold the open for ever;
+    // it fails at once instead (ENXIO) and is refused below, like anything
+    // else that is not a regular file.
+    const int flags =
+        O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | (append ? O_APPEND : O_TRUNC);
     int fd = open(path, flags, 0666);
     // O_NOFOLLOW refuses a link as the last component; a new file replaces it.
     if (fd < 0 && errno == ELOOP && !append && unlink(path) == 0) fd = open(path, flags, 0666);
-    FILE* stream = fd >= 0 ? fdopen(fd, mode) : nullptr;
+    struct stat st {};
+    if (fd < 0 && (errno == ENXIO || errno == EISDIR) && lstat(path, &st) == 0)
+        lib::refuse_not_regular(path, st.st_mode);
+    if (fd >= 0 && (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))) {
+        close(fd);
+        lib::refuse_not_regular(path, st.st_mode);
+    }
+    FILE* stream =
+        fd >= 0 && fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK) == 0 ? fdopen(fd, mode) : nullptr;
     if (stream) return stream;
     if (fd >= 0) close(fd);
     lib::stop_not_found(path);
@@ -54,16 +67,21 @@ FILE* open_output(const char* path, const char* mode)
 
 const char* batch_mode(int64_t batch_first) { return batch_first == 0 ? "wb" : "ab"; }
 
-void write_batch(const char* folder, const char* name, int64_t batch_first, const float* samples,
-                 int64_t count)
+void write_samples(const char* path, const char* mode, const float* samples, int64_t count)
 {
-    const Path path = join_path(folder, name);
-    FILE* stream = open_output(path.c_str(), batch_mode(batch_first));
+    FILE* stream = open_output(path, mode);
     size_t written = 0;
     if (count > 0) written = std::fwrite(samples, sizeof(float), static_cast<size_t>(count), stream);
     // A full disk must not leave a silently shortened result behind.
     if (std::fclose(stream) != 0 || static_cast<int64_t>(written) != (count > 0 ? count : 0))
-        lib::die("%s could not be written\n", path.c_str());
+        lib::die("%s could not be written\n", path);
+}
+
+void write_batch(const char* folder, const char* name, int64_t batch_first, const float* samples,
+                 int64_t count)
+{
+    const Path path = join_path(folder, name);
+    write_samples(path.c_str(), batch_mode(batch_first), samples, count);
 }
 
 }  // namespace com

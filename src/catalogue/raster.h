@@ -37,9 +37,13 @@ void read_raster(const char* path, int64_t first, int64_t count, float* out);
 // Opens an output file of the run with the stdio `mode` "w", "wb" (a new
 // file, replacing what stands at `path`) or "ab" (appending). Outputs never
 // write through a symbolic link: a link standing at the path is replaced by
-// a new file for "w"/"wb", and refused for "ab". A path that cannot be
-// opened ends the run with the message of lib::fopen_zq. Every output of
-// every stage is opened here.
+// a new file for "w"/"wb", and refused for "ab". Anything else at the path
+// that is not a regular file (a directory, a named pipe, a device) ends the
+// run with lib::refuse_not_regular, and the open never waits. A path that
+// cannot be opened ends the run with the message of lib::fopen_zq. Every
+// output of every stage is opened here. The driver has made sure before the
+// first stage that no output path is one of the run's inputs
+// (sbas::refuse_outputs_over_inputs).
 FILE* open_output(const char* path, const char* mode);
 
 // Streams whole rasters: for each name of `names` in order, reads
@@ -64,8 +68,12 @@ void for_each_raster(const char* folder, const std::vector<std::string>& names, 
 // so the file is a whole raster after the last batch).
 const char* batch_mode(int64_t batch_first);
 
-// Writes `count` samples to folder "/" name, opened with batch_mode(first).
+// Writes `count` samples to `path`, opened with open_output(path, mode).
 // A failed write ends the run with "%s could not be written\n".
+void write_samples(const char* path, const char* mode, const float* samples, int64_t count);
+
+// Writes `count` samples to folder "/" name, opened with batch_mode(first),
+// through write_samples.
 void write_batch(const char* folder, const char* name, int64_t batch_first, const float* samples,
                  int64_t count);
 

@@ -14,6 +14,7 @@
 // "1e1" gives 10 for them and 1 elsewhere.
 #include "config/cfg.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <climits>
@@ -88,9 +89,17 @@ const Key<CFG> kKeys[] = {
 
 void read_settings(CFG& cfg, const char* path)
 {
-    FILE* file = fopen_zq(path, "r");
-    read_keyed(file, kKeys, cfg);
-    std::fclose(file);
+    const File file(fopen_zq(path, "r"));
+    read_keyed(file.get(), path, kKeys, cfg);
+}
+
+// The data and result folders must exist, and be folders: a file of that
+// name would only fail later, on the first raster opened or written in it.
+void require_folder(const char* key, const char* path)
+{
+    if (access(path, F_OK) != 0) die_stdout("%s %s not exist\n", key, path);
+    struct stat st {};
+    if (stat(path, &st) != 0 || !S_ISDIR(st.st_mode)) die("%s %s is not a folder\n", key, path);
 }
 
 // Pixel index of a coordinate, rounded half away from zero. A degenerate
@@ -177,8 +186,8 @@ CFG loadcfg(const char* path)
         cfg.ref_row = pixel_of(cfg.ref_lat, header.Y_FIRST, header.Y_STEP);
         cfg.ref_col = pixel_of(cfg.ref_lon, header.X_FIRST, header.X_STEP);
     }
-    if (access(cfg.datafolder, F_OK) != 0) die_stdout("datafolder %s not exist\n", cfg.datafolder);
-    if (access(cfg.resultfolder, F_OK) != 0) die_stdout("resultfolder %s not exist\n", cfg.resultfolder);
+    require_folder("datafolder", cfg.datafolder);
+    require_folder("resultfolder", cfg.resultfolder);
     com::readfilenamelist(&cfg, cfg.filelist);
     return cfg;
 }

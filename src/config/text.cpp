@@ -1,13 +1,17 @@
 // Field splitting walks the line once: spaces and tabs are skipped, other
 // characters belong to the current field, and the field number advances when
 // a field is followed by a blank. The walk stops as soon as the wanted field
-// is complete, so a long tail of the line costs nothing.
+// is complete, so a long tail of the line costs nothing; the wanted field is
+// measured whole, so a reader can tell a field that was cut.
 #include "config/text.h"
 
+#include <cerrno>
 #include <climits>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+
+#include "numerics/sink.h"
 
 namespace lib {
 namespace {
@@ -23,19 +27,31 @@ void strtruc(char* line)
     if (skip) std::memmove(line, line + skip, std::strlen(line + skip) + 1);
 }
 
-void substr(char* out, const char* line, int n)
+size_t substr(char* out, const char* line, int n)
 {
     int field = 1;
-    int length = 0;
+    size_t length = 0;  // of the field in the line
+    size_t kept = 0;    // of the field in `out`
     for (const char* p = line; *p != '\0' && *p != '\n'; ++p) {
         if (blank(*p)) continue;
-        if (field == n && length < kFieldBytes - 1) out[length++] = *p;
+        if (field == n) {
+            ++length;
+            if (kept < kFieldBytes - 1) out[kept++] = *p;
+        }
         if (blank(p[1])) ++field;
         if (field > n) break;
     }
-    if (length == 0) out[length++] = ' ';
-    out[length] = '\0';
+    if (kept == 0) out[kept++] = ' ';
+    out[kept] = '\0';
+    return length;
 }
+
+void refuse_long_field(const char* path, long line)
+{
+    die("%s line %ld: a field longer than 199 characters is not supported\n", path, line);
+}
+
+void stop_read_error(const char* path) { die("%s could not be read: %s\n", path, std::strerror(errno)); }
 
 int32_t int_prefix(const char* field)
 {

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdint>
 #include <cstring>
+#include <type_traits>
 #include <variant>
 
 namespace lib {
@@ -24,8 +25,19 @@ void strtruc(char* line);
 // Copies field n (counting from 1) of `line` into `out`, which must hold
 // kFieldBytes. The line ends at its first line feed or at the string's end. A
 // missing field gives " " (one space), never an empty string; a field longer
-// than 199 characters is cut to 199.
-void substr(char* out, const char* line, int n);
+// than 199 characters is cut to 199. Returns the field's length in the line
+// before any cut (0 for a missing field), so that a reader can refuse a field
+// it cannot hold.
+size_t substr(char* out, const char* line, int n);
+
+// Ends the run with "%s line %ld: a field longer than 199 characters is not
+// supported\n" (standard error): a name or path cut to 199 characters would
+// silently be another one.
+[[noreturn]] void refuse_long_field(const char* path, long line);
+
+// Ends the run with "%s could not be read: <reason>\n" (standard error), for
+// a read that failed: a failed read is never taken for the end of a file.
+[[noreturn]] void stop_read_error(const char* path);
 
 // `field` converted the way every integer setting is read:
 // the decimal integer prefix (leading blanks and a sign allowed, no digits
@@ -36,23 +48,33 @@ int32_t int_prefix(const char* field);
 double double_prefix(const char* field);
 
 // The reading loop of the text readers: while the stream is not at end of
-// file, read a line and hand it to `handle(char* line)`. End of file is only
-// seen after a read that returns nothing; the buffer then still holds the
-// last line, so a file that ends in a line feed has its last line handled
-// twice. The key/value readers rely on that being harmless.
+// file, read a line and hand it to `handle(char* line)` or
+// `handle(char* line, long number)`, with the line's number in the file
+// (from 1; the pieces of a line longer than the buffer share its number).
+// End of file is only seen after a read that returns nothing; the buffer
+// then still holds the last line, so a file that ends in a line feed has its
+// last line handled twice. The key/value readers rely on that being harmless.
 //
 // With stop_at_empty_read the buffer's first character is cleared before each
 // read and an empty buffer ends the loop, so each line is handled once (the
-// interferogram list and baselines readers). A read error also ends the loop.
+// interferogram list and baselines readers). A read error ends the run with
+// stop_read_error, naming `path`.
 template <typename Handle>
-void for_each_line(FILE* stream, bool stop_at_empty_read, Handle handle)
+void for_each_line(FILE* stream, const char* path, bool stop_at_empty_read, Handle handle)
 {
     char line[kLineBytes] = {};
+    long number = 0;
+    bool line_start = true;
     while (!std::feof(stream)) {
         if (stop_at_empty_read) line[0] = '\0';
-        if (!std::fgets(line, kLineBytes, stream) && std::ferror(stream)) break;
+        if (!std::fgets(line, kLineBytes, stream) && std::ferror(stream)) stop_read_error(path);
         if (stop_at_empty_read && line[0] == '\0') break;
-        handle(line);
+        if (line_start) ++number;
+        line_start = std::strchr(line, '\n') != nullptr;
+        if constexpr (std::is_invocable_v<Handle&, char*, long>)
+            handle(line, number);
+        else
+            handle(line);
     }
 }
 
@@ -109,18 +131,20 @@ void store_key(Record& record, const KeyMember<Record>& member, const char* valu
 // case-sensitively, with the keys in the table's order. On a match the
 // line's second field is stored and takes the key's place for the rest of
 // that line's comparisons, so a value that is itself a later key's name sets
-// that key too. Other lines are ignored; a later line wins.
+// that key too. Other lines are ignored; a later line wins. A value longer
+// than a field holds ends the run (refuse_long_field), naming `path` and the
+// line.
 template <typename Record, size_t N>
-void read_keyed(FILE* stream, const Key<Record> (&keys)[N], Record& record)
+void read_keyed(FILE* stream, const char* path, const Key<Record> (&keys)[N], Record& record)
 {
-    for_each_line(stream, false, [&](char* line) {
+    for_each_line(stream, path, false, [&](char* line, long number) {
         strtruc(line);
         char key[kFieldBytes];
         char value[kFieldBytes];
         substr(key, line, 1);
         for (const Key<Record>& k : keys) {
             if (std::strcmp(key, k.name) != 0) continue;
-            substr(value, line, 2);
+            if (substr(value, line, 2) >= kFieldBytes) refuse_long_field(path, number);
             std::strcpy(key, value);
             store_key(record, k.member, value);
         }

@@ -13,9 +13,12 @@
 // the one place that knows how the grid is cut.
 #pragma once
 
+#include <omp.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
 
 #include "numerics/sink.h"
 
@@ -35,9 +38,31 @@ inline Block block_of(int64_t count, int64_t parts, int64_t index)
     return {first, std::min(first + size, count)};
 }
 
+// The most threads a region may have: four for every processor this process
+// may run on, and never fewer than 8. Outputs do not depend on the thread
+// count, so threads beyond the processors only cost memory (each holds its
+// own scratch and stack); a count such as 100000 would exhaust the OpenMP
+// runtime and end the run with a signal. Four per processor leaves room for
+// users who oversubscribe on purpose; the floor of 8 keeps the byte-identity
+// tests across 1, 2 and 3 threads meaningful on a machine of 1 or 2 cores.
+inline int thread_limit() { return std::max(8, 4 * omp_get_num_procs()); }
+
 // Threads for a parallel region from the max_parallel_threads setting: the
-// setting itself, at least 1 (a region cannot run on fewer).
-inline int region_threads(int configured) { return std::max(configured, 1); }
+// setting itself, at least 1 (a region cannot run on fewer) and at most
+// thread_limit().
+inline int region_threads(int configured) { return std::clamp(configured, 1, thread_limit()); }
+
+// The max_parallel_threads setting as a run uses it: lowered to
+// thread_limit() when it is above, with one line on standard error to say
+// so; otherwise unchanged. The driver calls it once, so that the stages'
+// reports print the count their regions run with.
+inline int usable_threads(int configured)
+{
+    const int limit = thread_limit();
+    if (configured <= limit) return configured;
+    std::fprintf(stderr, "max_parallel_threads %d is more than this machine can run; using %d\n", configured, limit);
+    return limit;
+}
 
 struct Batch {
     int64_t first;  // first pixel

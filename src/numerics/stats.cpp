@@ -36,21 +36,6 @@ double std_double(int64_t n, const double* x)
     return std::sqrt(count * q - s * s) / count;
 }
 
-void RunningMoments::add(double x, PreviousMean previous)
-{
-    count += 1;
-    if (count <= 1.5) {
-        mean = x;
-        variance = 0;
-        return;
-    }
-    const double k = count;
-    const double m_old = previous == PreviousMean::rounded_to_float ? static_cast<double>(static_cast<float>(mean)) : mean;
-    const double m_new = ((k - 1) * m_old + x) / k;
-    variance = (k - 2) * variance / (k - 1) + (m_old - m_new) * (m_old - m_new) + (x - m_new) * (x - m_new) / (k - 1);
-    mean = m_new;
-}
-
 }  // namespace lib
 
 namespace com {

@@ -35,7 +35,23 @@ struct RunningMoments {
     // one, with k the new count and m the previous mean:
     //   mean'     = ((k - 1) m + x) / k
     //   variance' = (k - 2) variance / (k - 1) + (m - mean')^2 + (x - mean')^2 / (k - 1)
-    void add(double x, PreviousMean previous = PreviousMean::exact);
+    // Inline: the loop-closure check calls it for every loop at every pixel.
+    void add(double x, PreviousMean previous = PreviousMean::exact)
+    {
+        count += 1;
+        if (count <= 1.5) {
+            mean = x;
+            variance = 0;
+            return;
+        }
+        const double k = count;
+        const double m_old =
+            previous == PreviousMean::rounded_to_float ? static_cast<double>(static_cast<float>(mean)) : mean;
+        const double m_new = ((k - 1) * m_old + x) / k;
+        variance = (k - 2) * variance / (k - 1) + (m_old - m_new) * (m_old - m_new) +
+                   (x - m_new) * (x - m_new) / (k - 1);
+        mean = m_new;
+    }
 };
 
 }  // namespace lib

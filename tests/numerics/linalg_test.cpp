@@ -80,21 +80,6 @@ TEST(Matmul, EveryFlagCombinationMatchesTheDefiningLoopBitForBit)
         }
 }
 
-TEST(Matmul, GramMatrixByHandAndNoRows)
-{
-    Matrix A = from_rows(3, {1, 2, 3, 4, 5, 6}), C(4, NAN);
-    lib::matmul("TN", 2, 2, 3, 1.0, A.data(), A.data(), 0.0, C.data());
-    lib::matmul("NN", 0, 2, 3, 1.0, nullptr, nullptr, 0.0, C.data());  // no rows: nothing written (or read)
-    EXPECT_TRUE(same_bits(C, from_rows(2, {35, 44, 44, 56})));
-}
-
-TEST(Matcpy, CopiesExactlyNTimesMDoubles)
-{
-    Matrix dst(8, 9.0);
-    lib::matcpy(dst.data(), Matrix{1.5, -0.0, NAN, 4, 5, 6}.data(), 3, 2);
-    EXPECT_TRUE(same_bits(dst, {1.5, -0.0, NAN, 4, 5, 6, 9, 9}));
-}
-
 TEST(Ludcmp, PivotsSignAndSingularity)
 {
     // The pivot is the entry largest relative to the largest of its row, a tie
@@ -161,8 +146,13 @@ TEST(Ludcmp, FactorsSolvesAndInvertsTermByTerm)
     EXPECT_GT(singular, 0);
 }
 
-TEST(Ludcmp, HandWorkedSolutionAndInverse)
+TEST(Linalg, HandWorkedProductSolutionAndInverse)
 {
+    // A^T A of a 3 x 2 matrix; no rows: nothing written (or read).
+    Matrix A = from_rows(3, {1, 2, 3, 4, 5, 6}), C(4, NAN);
+    lib::matmul("TN", 2, 2, 3, 1.0, A.data(), A.data(), 0.0, C.data());
+    lib::matmul("NN", 0, 2, 3, 1.0, nullptr, nullptr, 0.0, C.data());
+    EXPECT_TRUE(same_bits(C, from_rows(2, {35, 44, 44, 56})));
     // 2x + y - z = -3, -3x - y + 2z = 5, -2x + y + 2z = 2 has the solution
     // (1, -2, 3).
     Matrix a = from_rows(3, {2, 1, -1, -3, -1, 2, -2, 1, 2}), b = {-3, 5, 2}, solution = {1, -2, 3};

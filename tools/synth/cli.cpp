@@ -55,12 +55,19 @@ int parse_date(const std::string& option, const std::string& text)
     return static_cast<int>(value);
 }
 
-Body parse_body(const std::string& text, const Options& options)
+// The comma-separated numbers of `text`.
+std::vector<double> parse_numbers(const std::string& option, const std::string& text)
 {
     std::vector<double> fields;
     std::stringstream in(text);
     std::string field;
-    while (std::getline(in, field, ',')) fields.push_back(parse_number("--body", field));
+    while (std::getline(in, field, ',')) fields.push_back(parse_number(option, field));
+    return fields;
+}
+
+Body parse_body(const std::string& text, const Options& options)
+{
+    const std::vector<double> fields = parse_numbers("--body", text);
     if (fields.size() != 3 && fields.size() != 7)
         throw Error("--body needs ROW,COL,SIGMA or ROW,COL,SIGMA,RATE,SEASONAL,STEP,LOG, not '" + text + "'");
     Body body;
@@ -74,12 +81,21 @@ Body parse_body(const std::string& text, const Options& options)
         body.log = fields[6];
         return body;
     }
-    const Deformation mode = options.deformation;
-    body.rate = mode != Deformation::log ? options.rate : 0.0;
-    body.seasonal = mode == Deformation::seasonal || mode == Deformation::mixed ? options.seasonal_amp : 0.0;
-    body.step = mode == Deformation::mixed ? options.step_amp : 0.0;
-    body.log = mode == Deformation::log || mode == Deformation::mixed ? options.log_amp : 0.0;
+    const ModeTerms with = mode_terms(options.deformation);
+    body.rate = with.rate ? options.rate : 0.0;
+    body.seasonal = with.seasonal ? options.seasonal_amp : 0.0;
+    body.step = with.step ? options.step_amp : 0.0;
+    body.log = with.log ? options.log_amp : 0.0;
     return body;
+}
+
+UnwrapError parse_unwrap_error(const std::string& option, const std::string& text)
+{
+    const std::vector<double> fields = parse_numbers(option, text);
+    const auto whole = [](double x) { return x == std::floor(x) && std::fabs(x) <= 2e9; };
+    if (fields.size() != 5 || !whole(fields[0]) || !whole(fields[1]))
+        throw Error(option + " needs IFG,K,ROW,COL,RADIUS with whole IFG and K, not '" + text + "'");
+    return {static_cast<int>(fields[0]), static_cast<int>(fields[1]), fields[2], fields[3], fields[4]};
 }
 
 }  // namespace
@@ -135,6 +151,8 @@ Command parse_command_line(int argc, const char* const* argv)
         {"--nodata-size", number(o.nodata_size)},
         {"--invalid-corner", number(o.invalid_corner)},
         {"--unwrap-errors", integer(o.unwrap_errors)},
+        {"--unwrap-error",
+         [&](const std::string& n, const std::string& v) { o.unwrap_error_patches.push_back(parse_unwrap_error(n, v)); }},
         {"--ramp-amp", number(o.ramp_amp)},
         {"--elevation-coef", number(o.elevation_coef)},
         {"--dem-oversample", integer(o.dem_oversample)},
@@ -202,7 +220,7 @@ ifg/geo_<d1>_<d2>.unw (float32, radians), ifg_header.txt, ifg_list.txt,
 baselines.txt, dem.dem, dem_header.txt, config.txt (run: sbas-ts DIR/config.txt),
 an empty result/, and truth/: disp-<yyyymmdd> for every date (rad, relative to
 the first date, deformation only), velocity (rad/yr), dem_error (m, with
---dem-error), dates.txt, unwrapping_errors.txt (with --unwrap-errors).
+--dem-error), dates.txt, unwrapping_errors.txt (with unwrapping errors).
 Equal options and seed give identical files.
 
 Output
@@ -260,8 +278,16 @@ Missing data (exact 0; kept out of the reference window + 2 pixels)
   --invalid-corner F      top-left corner rectangle, F of each side, missing
                           in every interferogram (default 0)
 
+Unwrapping errors (kept out of the reference window + 2 pixels)
+  --unwrap-errors N       N random interferograms get a random disc shifted by
+                          2 pi k, k = +-1 or +-2 (default 0)
+  --unwrap-error IFG,K,ROW,COL,RADIUS
+                          shift the disc of RADIUS pixels centred at row ROW,
+                          column COL of interferogram IFG (its line in
+                          ifg_list.txt, from 0) by 2 pi K, K a whole number
+                          other than 0 (repeatable; adds to --unwrap-errors)
+
 Nuisance terms
-  --unwrap-errors N       N interferograms get a disc shifted by 2 pi k, k = +-1 or +-2
   --ramps                 quadratic orbital ramp per interferogram, zero at the
                           reference pixel
   --ramp-amp RAD          typical ramp coefficient, rad (default 3)

@@ -14,4 +14,10 @@ struct Error : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+// Throws Error(message) unless `condition` holds.
+inline void require(bool condition, const std::string& message)
+{
+    if (!condition) throw Error(message);
+}
+
 }  // namespace synth

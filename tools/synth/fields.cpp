@@ -31,6 +31,16 @@ double history(const Body& body, double t, const Timeline& timeline)
     return value;
 }
 
+void add_scaled(std::vector<double>& field, const Separable& shape, double amplitude)
+{
+    const std::size_t width = shape.cols.size();
+    for (std::size_t i = 0; i < shape.rows.size(); ++i) {
+        const double a = amplitude * shape.rows[i];
+        double* line = field.data() + i * width;
+        for (std::size_t j = 0; j < width; ++j) line[j] += a * shape.cols[j];
+    }
+}
+
 Separable gaussian(double row, double col, double sigma, int width, int length, double scale)
 {
     Separable shape;
@@ -51,11 +61,7 @@ Separable gaussian(double row, double col, double sigma, int width, int length, 
 std::vector<Body> make_bodies(const Options& options)
 {
     if (!options.bodies.empty()) return options.bodies;
-    const Deformation mode = options.deformation;
-    const bool with_rate = mode != Deformation::log;
-    const bool with_seasonal = mode == Deformation::seasonal || mode == Deformation::mixed;
-    const bool with_step = mode == Deformation::mixed;
-    const bool with_log = mode == Deformation::log || mode == Deformation::mixed;
+    const ModeTerms with = mode_terms(options.deformation);
     const double side = std::min(options.width, options.length);
 
     // Every draw is made whatever the mode, so one seed puts the bodies in
@@ -71,11 +77,11 @@ std::vector<Body> make_bodies(const Options& options)
         const double phase = rng.uniform(0.0, 2.0 * std::numbers::pi);
         const double step = rng.sign() * rng.uniform(0.5, 1.0) * options.step_amp;
         const double log = rng.sign() * rng.uniform(0.5, 1.0) * options.log_amp;
-        body.rate = with_rate ? rate : 0.0;
-        body.seasonal = with_seasonal ? seasonal : 0.0;
-        body.seasonal_phase = with_seasonal ? phase : 0.0;
-        body.step = with_step ? step : 0.0;
-        body.log = with_log ? log : 0.0;
+        body.rate = with.rate ? rate : 0.0;
+        body.seasonal = with.seasonal ? seasonal : 0.0;
+        body.seasonal_phase = with.seasonal ? phase : 0.0;
+        body.step = with.step ? step : 0.0;
+        body.log = with.log ? log : 0.0;
     }
     return bodies;
 }
@@ -93,12 +99,7 @@ std::vector<float> make_dem(const Options& options)
         const double col = rng.uniform(-0.1, 1.1) * options.width;
         const double sigma = std::max(1.0, rng.uniform(0.1, 0.3) * side);
         const double top = rng.uniform(200.0, 1200.0);
-        const Separable shape = gaussian(row, col, sigma, width, length, 1.0 / f);
-        for (int i = 0; i < length; ++i) {
-            const double a = top * shape.rows[i];
-            double* line = height.data() + static_cast<std::size_t>(i) * width;
-            for (int j = 0; j < width; ++j) line[j] += a * shape.cols[j];
-        }
+        add_scaled(height, gaussian(row, col, sigma, width, length, 1.0 / f), top);
     }
     return std::vector<float>(height.begin(), height.end());
 }
@@ -115,14 +116,28 @@ std::vector<float> make_dem_error(const Options& options)
         const double col = rng.uniform(0.1, 0.9) * width;
         const double sigma = std::max(1.0, rng.uniform(0.08, 0.2) * side);
         const double top = rng.sign() * rng.uniform(0.5, 1.0) * options.dem_error_amp;
-        const Separable shape = gaussian(row, col, sigma, width, length);
-        for (int i = 0; i < length; ++i) {
-            const double a = top * shape.rows[i];
-            double* line = dz.data() + static_cast<std::size_t>(i) * width;
-            for (int j = 0; j < width; ++j) line[j] += a * shape.cols[j];
-        }
+        add_scaled(dz, gaussian(row, col, sigma, width, length), top);
     }
     return std::vector<float>(dz.begin(), dz.end());
+}
+
+StaticFields make_static_fields(const Options& options, const std::vector<Body>& bodies)
+{
+    StaticFields fields;
+    const int width = options.width;
+    const int length = options.length;
+    fields.dem = make_dem(options);
+    if (options.elevation_term) {
+        // The DEM sample at the top-left corner of each interferogram pixel.
+        const std::size_t f = options.dem_oversample;
+        fields.height.resize(static_cast<std::size_t>(width) * length);
+        for (int i = 0; i < length; ++i)
+            for (int j = 0; j < width; ++j)
+                fields.height[static_cast<std::size_t>(i) * width + j] = fields.dem[i * f * width * f + j * f];
+    }
+    if (options.dem_error) fields.dz = make_dem_error(options);
+    for (const Body& body : bodies) fields.shapes.push_back(gaussian(body.row, body.col, body.sigma, width, length));
+    return fields;
 }
 
 namespace {

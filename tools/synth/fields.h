@@ -29,6 +29,10 @@ struct Separable {
 };
 Separable gaussian(double row, double col, double sigma, int width, int length, double scale = 1.0);
 
+// Adds amplitude * shape to `field`, a grid of shape.rows.size() rows of
+// shape.cols.size() samples.
+void add_scaled(std::vector<double>& field, const Separable& shape, double amplitude);
+
 // The bodies of a job: options.bodies when given, else options.body_count
 // random bodies with the terms of options.deformation.
 std::vector<Body> make_bodies(const Options& options);
@@ -39,6 +43,15 @@ std::vector<float> make_dem(const Options& options);
 
 // The DEM error dz on the interferogram grid, metres: a few signed bumps.
 std::vector<float> make_dem_error(const Options& options);
+
+// The fields that dates and interferograms read but never change.
+struct StaticFields {
+    std::vector<float> dem;         // on the DEM grid, m
+    std::vector<double> height;     // DEM per interferogram pixel, m (elevation term only, else empty)
+    std::vector<float> dz;          // DEM error per pixel, m (options.dem_error only, else empty)
+    std::vector<Separable> shapes;  // one per body, on the interferogram grid
+};
+StaticFields make_static_fields(const Options& options, const std::vector<Body>& bodies);
 
 // Spatially correlated noise for date `index`: white normal noise box-blurred
 // three times with `radius` pixels (windows shrink at the edges), then shifted

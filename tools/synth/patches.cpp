@@ -1,8 +1,9 @@
-// Drawing patches that keep clear of a window.
+// Discs and rectangles: the pixels they cover, and random ones that keep
+// clear of a window.
 //
 // A disc misses the window when the window's closest point to the centre is
 // farther than the radius; a rectangle misses it when their row or column
-// spans don't overlap. Draws that fail the test are repeated.
+// spans don't overlap. Random draws that fail the test are repeated.
 #include "synth/patches.h"
 
 #include <algorithm>
@@ -10,6 +11,29 @@
 
 namespace synth {
 namespace {
+
+Box clipped(Box box, int width, int length)
+{
+    box.row0 = std::max(box.row0, 0);
+    box.col0 = std::max(box.col0, 0);
+    box.row1 = std::min(box.row1, length - 1);
+    box.col1 = std::min(box.col1, width - 1);
+    return box;
+}
+
+}  // namespace
+
+Patch disc(double row, double col, double radius, int width, int length)
+{
+    Patch p;
+    p.row = row;
+    p.col = col;
+    p.radius = radius;
+    p.bounds = clipped({static_cast<int>(std::floor(row - radius)), static_cast<int>(std::ceil(row + radius)),
+                        static_cast<int>(std::floor(col - radius)), static_cast<int>(std::ceil(col + radius))},
+                       width, length);
+    return p;
+}
 
 bool touches(const Patch& patch, const Box& box)
 {
@@ -22,8 +46,6 @@ bool touches(const Patch& patch, const Box& box)
     const double dc = patch.col - std::clamp(patch.col, double(box.col0), double(box.col1));
     return dr * dr + dc * dc <= patch.radius * patch.radius;
 }
-
-}  // namespace
 
 bool covers(const Patch& patch, int row, int col)
 {
@@ -39,28 +61,24 @@ bool draw_patch(Rng& rng, int width, int length, const Box& keep_clear, double m
                 double max_radius, bool allow_rectangles, Patch& patch)
 {
     for (int attempt = 0; attempt < 100; ++attempt) {
+        const bool is_disc = !allow_rectangles || rng.uniform() < 0.5;
+        const double row = rng.uniform(0.0, length - 1.0);
+        const double col = rng.uniform(0.0, width - 1.0);
         Patch p;
-        p.disc = !allow_rectangles || rng.uniform() < 0.5;
-        p.row = rng.uniform(0.0, length - 1.0);
-        p.col = rng.uniform(0.0, width - 1.0);
-        if (p.disc) {
-            p.radius = rng.uniform(min_radius, max_radius);
-            p.bounds = {static_cast<int>(std::floor(p.row - p.radius)),
-                        static_cast<int>(std::ceil(p.row + p.radius)),
-                        static_cast<int>(std::floor(p.col - p.radius)),
-                        static_cast<int>(std::ceil(p.col + p.radius))};
+        if (is_disc) {
+            p = disc(row, col, rng.uniform(min_radius, max_radius), width, length);
         } else {
             const double half_rows = rng.uniform(min_radius, max_radius);
             const double half_cols = rng.uniform(min_radius, max_radius);
-            p.bounds = {static_cast<int>(std::lround(p.row - half_rows)),
-                        static_cast<int>(std::lround(p.row + half_rows)),
-                        static_cast<int>(std::lround(p.col - half_cols)),
-                        static_cast<int>(std::lround(p.col + half_cols))};
+            p.disc = false;
+            p.row = row;
+            p.col = col;
+            p.bounds = clipped({static_cast<int>(std::lround(row - half_rows)),
+                                static_cast<int>(std::lround(row + half_rows)),
+                                static_cast<int>(std::lround(col - half_cols)),
+                                static_cast<int>(std::lround(col + half_cols))},
+                               width, length);
         }
-        p.bounds.row0 = std::max(p.bounds.row0, 0);
-        p.bounds.col0 = std::max(p.bounds.col0, 0);
-        p.bounds.row1 = std::min(p.bounds.row1, length - 1);
-        p.bounds.col1 = std::min(p.bounds.col1, width - 1);
         if (touches(p, keep_clear)) continue;
         patch = p;
         return true;

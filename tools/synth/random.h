@@ -10,6 +10,8 @@
 
 #include <cstdint>
 #include <random>
+#include <utility>
+#include <vector>
 
 namespace synth {
 
@@ -54,5 +56,14 @@ private:
     double spare_ = 0.0;
     bool has_spare_ = false;
 };
+
+// Moves `count` items, drawn uniformly without replacement, to the front of
+// `items` in the order drawn (a partial Fisher-Yates shuffle). Precondition:
+// count <= items.size().
+template <class T>
+void draw_to_front(Rng& rng, std::vector<T>& items, std::size_t count)
+{
+    for (std::size_t k = 0; k < count; ++k) std::swap(items[k], items[k + rng.below(items.size() - k)]);
+}
 
 }  // namespace synth

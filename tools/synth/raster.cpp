@@ -1,4 +1,5 @@
-// Reading and writing raster headers and float32 rasters.
+// Writing text files, and reading and writing raster headers and float32
+// rasters.
 //
 // Rasters are written as the host's floats in one fwrite, which is the file
 // format only on a little-endian host; the build refuses any other host.
@@ -34,6 +35,14 @@ std::string format_double(double value)
     return std::string(text, result.ptr);
 }
 
+void write_text(const std::string& path, const std::string& text)
+{
+    std::ofstream out(path, std::ios::binary);
+    out << text;
+    out.close();
+    if (out.fail()) throw Error("cannot write " + path);
+}
+
 void write_header(const std::string& path, const Grid& grid)
 {
     std::string text;
@@ -43,9 +52,7 @@ void write_header(const std::string& path, const Grid& grid)
     text += "Y_FIRST " + format_double(grid.y_first) + "\n";
     text += "X_STEP " + format_double(grid.x_step) + "\n";
     text += "Y_STEP " + format_double(grid.y_step) + "\n";
-    std::ofstream out(path, std::ios::binary);
-    out << text;
-    if (!out.good()) throw Error("cannot write " + path);
+    write_text(path, text);
 }
 
 Grid read_header(const std::string& path)

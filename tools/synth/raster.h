@@ -1,5 +1,6 @@
-// The raster files of a job: a text header of `KEY value` lines and a
-// headerless little-endian float32 array of FILE_LENGTH rows of WIDTH samples.
+// The files of a job on disk: text files, raster headers of `KEY value`
+// lines, and headerless little-endian float32 arrays of FILE_LENGTH rows of
+// WIDTH samples.
 #pragma once
 
 #include <cstddef>
@@ -26,6 +27,9 @@ bool is_data(float x);
 // Shortest text that reads back to exactly `value` ("%.17g"-exact, but
 // without trailing noise digits).
 std::string format_double(double value);
+
+// Writes `text` to `path` as it is. Throws Error when the file can't be written.
+void write_text(const std::string& path, const std::string& text);
 
 // Writes the six header keys WIDTH, FILE_LENGTH, X_FIRST, Y_FIRST, X_STEP,
 // Y_STEP, one `KEY value` line each. Throws Error when the file can't be written.

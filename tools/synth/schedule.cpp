@@ -33,11 +33,8 @@ std::vector<int> make_dates(const Options& options)
     for (int i = 1; i < n; ++i) intervals.push_back(i);
     std::vector<long> extra(n, 0);
     const long gap = options.gap_days > 0 ? options.gap_days : 4L * options.spacing;
-    for (int g = 0; g < options.long_gaps; ++g) {
-        const std::size_t pick = g + rng.below(intervals.size() - g);
-        std::swap(intervals[g], intervals[pick]);
-        extra[intervals[g]] += gap;
-    }
+    draw_to_front(rng, intervals, options.long_gaps);
+    for (int g = 0; g < options.long_gaps; ++g) extra[intervals[g]] += gap;
 
     const long first = mjd_from_date(options.first_date);
     const long last_allowed = mjd_from_date(latest_date);
@@ -77,11 +74,8 @@ std::vector<std::pair<int, int>> make_network(const Options& options, int date_c
                     std::to_string(options.neighbours) + " dates apart");
     }
     Rng rng(options.seed, Stream::network);
-    for (int k = 0; k < options.long_links; ++k) {
-        const std::size_t pick = k + rng.below(far.size() - k);
-        std::swap(far[k], far[pick]);
-        pairs.push_back(far[k]);
-    }
+    draw_to_front(rng, far, options.long_links);
+    pairs.insert(pairs.end(), far.begin(), far.begin() + options.long_links);
     std::sort(pairs.begin(), pairs.end());
     return pairs;
 }

@@ -1,16 +1,19 @@
 // Building and checking the configuration entries of a job.
 //
-// The reader of sbas-ts splits lines at blanks, keeps fields up to 199
-// characters, and after matching a key also compares its value against the
-// keys that follow in its own key list; a value spelled like a key would be
-// misread, so such values are refused here.
+// The generated entries switch every stage off but the inversion, so a job
+// runs as its truth describes; settings given with the options then change,
+// add or remove entries in order. The reader of sbas-ts splits lines at
+// blanks, keeps fields up to 199 characters, and after matching a key also
+// compares its value against the keys that follow in its own key list; a
+// value spelled like a key would be misread, so such values are refused here.
 #include "synth/settings.h"
 
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cstdlib>
 
-#include "synth/error.h"
+#include "synth/raster.h"
 
 namespace synth {
 
@@ -62,6 +65,66 @@ std::string entry_value(const Entries& entries, const std::string& key)
     for (const auto& entry : entries)
         if (entry.first == key) return entry.second;
     return "";
+}
+
+int integer_entry(const Entries& entries, const std::string& key, int fallback)
+{
+    const std::string text = entry_value(entries, key);
+    if (text.empty()) return fallback;
+    char* end = nullptr;
+    const long value = std::strtol(text.c_str(), &end, 10);
+    require(*end == '\0' && value > -1000000000L && value < 1000000000L,
+            key + " must be an integer, not '" + text + "'");
+    return static_cast<int>(value);
+}
+
+namespace {
+
+std::string path_entry(const std::string& path)
+{
+    require(path.size() <= max_field,
+            "path too long for the configuration (" + std::to_string(path.size()) +
+                " characters, at most 199): " + path + " - use a shorter job folder");
+    require(path.find_first_of(" \t\r\n") == std::string::npos,
+            "the configuration cannot hold a path with blanks: " + path);
+    return path;
+}
+
+}  // namespace
+
+Entries job_entries(const Options& options, const Job& job)
+{
+    Entries entries = {
+        {"resultfolder", path_entry(job.result_folder)},
+        {"headerfile", path_entry(job.ifg_header)},
+        {"filelist", path_entry(job.ifg_list)},
+        {"datafolder", path_entry(job.ifg_folder)},
+        {"baselines", path_entry(job.baselines)},
+        {"demfile", path_entry(job.dem)},
+        {"demfile_header", path_entry(job.dem_header)},
+        {"wavelength", format_double(options.wavelength)},
+        {"incidence", format_double(options.incidence)},
+        {"orbit_altitude", format_double(options.orbit_altitude)},
+        {"max_parallel_threads", std::to_string(options.max_parallel_threads)},
+        {"maxcap", std::to_string(options.maxcap)},
+        {"ref_row", std::to_string(options.ref_row >= 0 ? options.ref_row : options.length / 2)},
+        {"ref_col", std::to_string(options.ref_col >= 0 ? options.ref_col : options.width / 2)},
+        {"ref_window", std::to_string(options.ref_window)},
+        {"if_check_loop_closure", "0"},
+        {"if_remove_eds", "0"},
+        {"if_remove_orbit", "0"},
+        {"if_stacking", "0"},
+        {"if_apply_filter", "0"},
+        {"if_inverse_time_series", "1"},
+        {"if_est_hgt", "0"},
+        {"temporal_constraint", "0"},
+        {"temporal_strength", format_double(options.temporal_strength)},
+    };
+    if (job.log_origin) entries.emplace_back("simple_log_origin", std::to_string(job.log_origin));
+    entries.emplace_back("minimum_temporal_ifg_ratio", format_double(options.minimum_temporal_ifg_ratio));
+    for (const auto& [key, value] : options.settings) apply_setting(entries, key, value);
+    for (const auto& [key, value] : entries) check_entry(key, value);
+    return entries;
 }
 
 std::string config_text(const Entries& entries)

@@ -5,6 +5,8 @@
 #include <utility>
 #include <vector>
 
+#include "synth/synth.h"
+
 namespace synth {
 
 using Entries = std::vector<std::pair<std::string, std::string>>;
@@ -27,6 +29,17 @@ void apply_setting(Entries& entries, const std::string& key, const std::string& 
 
 // The value of `key`, or "" when absent.
 std::string entry_value(const Entries& entries, const std::string& key);
+
+// Integer value of `key`, or `fallback` when absent. Throws Error when the
+// value is not an integer of at most nine digits.
+int integer_entry(const Entries& entries, const std::string& key, int fallback);
+
+// The configuration of a job whose paths are set: its files, the sensor,
+// the processing settings and the reference (the grid centre unless given),
+// every stage but the inversion off, the log origin when the job has one,
+// then options.settings applied in order. Throws Error when a path is longer
+// than 199 characters or holds a blank, or an entry cannot be written.
+Entries job_entries(const Options& options, const Job& job);
 
 // The file text: a comment line, then one `key value` line per entry.
 std::string config_text(const Entries& entries);

@@ -5,7 +5,7 @@
 // Each date's phase is deformation + correlated noise + an elevation term;
 // each interferogram is the difference of its two dates' phases plus its own
 // nuisance terms (DEM error through the perpendicular baseline, an orbital
-// ramp, an unwrapping error, white noise) and its no-data patches. The truth
+// ramp, unwrapping errors, white noise) and its no-data patches. The truth
 // is the deformation alone, relative to the first date. All phases are in
 // radians; time in days (day numbers are MJDs).
 #pragma once
@@ -33,6 +33,26 @@ const char* deformation_name(Deformation mode);
 
 // Parses a mode name; throws Error for anything else.
 Deformation parse_deformation(const std::string& name);
+
+// The temporal terms a mode gives its bodies (see Deformation).
+struct ModeTerms {
+    bool rate = false;
+    bool seasonal = false;
+    bool step = false;
+    bool log = false;
+};
+ModeTerms mode_terms(Deformation mode);
+
+// An unwrapping error in one interferogram: the samples of a disc are
+// shifted by 2 pi k. A pixel (i, j) is in the disc when its distance to the
+// centre is at most the radius.
+struct UnwrapError {
+    int ifg = 0;          // index into Job::ifgs (the line of ifg_list.txt, from 0)
+    int cycles = 0;       // k, not 0
+    double row = 0.0;     // disc centre, pixels, inside the grid
+    double col = 0.0;
+    double radius = 0.0;  // pixels, > 0
+};
 
 // One deformation body: a Gaussian bump in space, exp(-r^2 / (2 sigma^2))
 // with r the distance in pixels from (row, col), times a history
@@ -118,8 +138,14 @@ struct Options {
     double nodata_size = 0.12;     // largest patch radius, as a share of the grid's shorter side
     double invalid_corner = 0.0;   // 0..0.5
 
+    // Unwrapping errors: `unwrap_errors` random interferograms each get a
+    // random disc with k = +-1 or +-2; `unwrap_error_patches` are added as
+    // given (several may share an interferogram and overlap; their shifts
+    // add up). Either kind keeps clear of the reference window.
+    int unwrap_errors = 0;
+    std::vector<UnwrapError> unwrap_error_patches;
+
     // Nuisance terms.
-    int unwrap_errors = 0;          // interferograms given a +-2 pi k disc (k = 1 or 2)
     bool ramps = false;             // quadratic orbital ramp per interferogram
     double ramp_amp = 3.0;          // rad, typical ramp size across the grid
     bool elevation_term = false;    // c(t) * h with h from the DEM
@@ -163,15 +189,6 @@ struct Options {
     bool overwrite = false;
 };
 
-// An unwrapping error put into one interferogram.
-struct UnwrapError {
-    int ifg = 0;          // index into Job::ifgs
-    int cycles = 0;       // k: the disc is shifted by 2 pi k
-    double row = 0.0;     // disc centre, pixels
-    double col = 0.0;
-    double radius = 0.0;  // pixels
-};
-
 // What write_job made. Paths are absolute.
 struct Job {
     std::string folder;         // the job folder
@@ -213,7 +230,9 @@ struct Job {
     double dem_error_factor = 0.0;  // K = 4 pi / (wavelength * orbit_altitude * sin(incidence))
 
     std::vector<int> nodata_ifgs;            // indices of interferograms with patches
-    std::vector<UnwrapError> unwrap_errors;  // in interferogram order
+    // Every unwrapping error, by interferogram; within one, the random disc
+    // first, then the given ones in their order.
+    std::vector<UnwrapError> unwrap_errors;
 
     // The configuration as written, in file order.
     std::vector<std::pair<std::string, std::string>> config_entries;
@@ -225,7 +244,8 @@ void check_options(const Options& options);
 // Writes a complete job into `folder` (created if needed) and returns its
 // description. Throws Error on bad options, a non-empty folder (unless
 // options.overwrite), a path longer than the configuration allows (199
-// characters) or any write failure. The files:
+// characters) or any write failure; inconsistent options are found before
+// the folder is touched. The files:
 //   ifg/geo_<d1>_<d2>.unw, ifg_header.txt, ifg_list.txt, baselines.txt,
 //   dem.dem, dem_header.txt, config.txt, result/ (empty),
 //   truth/disp-<yyyymmdd> (every date, rad, relative to the first date),

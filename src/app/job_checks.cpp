@@ -1,0 +1,145 @@
+// An input is safe from the run's outputs when no output path names it. The
+// check lists every file the settings let the run write, looks each up in
+// the result folder without following a link (an output replaces a link
+// standing at its path, see com::open_output), and compares what it finds,
+// by device and inode, with every input the run reads. It runs before any
+// stage writes, so a refused job leaves every file as it was.
+//
+// The displacement maps take their names from the dates of the network,
+// and the loop-closure check may reject every interferogram of the first
+// date; the maps are therefore looked up for every pair of dates, D(D-1)/2
+// names for D dates, a few hundred thousand look-ups of absent files at most
+// for the largest networks.
+//
+// The physical settings enter the inversion as divisors and square roots;
+// zero or an infinity there turns every output into NaN without a word, so
+// the run says so before the inversion starts.
+#include "app/job_checks.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <map>
+#include <utility>
+#include <vector>
+
+#include "catalogue/raster.h"
+#include "config/cfg.h"
+#include "numerics/sink.h"
+
+namespace sbas {
+namespace {
+
+using Identity = std::pair<dev_t, ino_t>;
+
+void add_input(std::map<Identity, std::string>& inputs, const std::string& path)
+{
+    struct stat st {};
+    if (stat(path.c_str(), &st) == 0) inputs.emplace(Identity{st.st_dev, st.st_ino}, path);
+    if (lstat(path.c_str(), &st) == 0) inputs.emplace(Identity{st.st_dev, st.st_ino}, path);
+}
+
+std::vector<int> network_dates(const CFG& cfg)
+{
+    std::vector<int> dates(cfg.ifg_date1.begin(), cfg.ifg_date1.end());
+    dates.insert(dates.end(), cfg.ifg_date2.begin(), cfg.ifg_date2.end());
+    std::sort(dates.begin(), dates.end());
+    dates.erase(std::unique(dates.begin(), dates.end()), dates.end());
+    return dates;
+}
+
+bool usable(float value) { return std::isfinite(value) && value != 0.0f; }
+
+}  // namespace
+
+void for_each_output(const CFG& cfg, const std::function<void(const std::string&)>& visit)
+{
+    const bool inversion = cfg.if_inverse_time_series != 0;
+    if (cfg.if_check_loop_closure == 1 || cfg.if_inverse_time_series == 1 || cfg.if_stacking == 1) visit("refpoint");
+    if (cfg.if_check_loop_closure == 1) {
+        for (const char* name : {"phase_loop_closure_mask", "phase_loop_closure_std", "phase_loop_closure_failed_ratio",
+                                 "filelist_statistics"})
+            visit(name);
+        if (cfg.if_delete_bad_ifgs != 0) {
+            visit("filelist_used");
+            visit("filelist_deleted");
+        }
+    }
+    for (const std::string& name : cfg.ifg_names) {
+        if (cfg.if_remove_eds == 1) visit(name + ".remove_hgt");
+        if (cfg.if_remove_orbit == 1) visit(name + (cfg.if_remove_eds == 1 ? ".remove_hgt" : "") + ".remove_orbit");
+    }
+    if (cfg.if_stacking == 1)
+        for (const char* suffix : {"", "_residual", "_sigma"}) visit(std::string("linear_stacking_mean_velocity") + suffix);
+    if (inversion) {
+        visit("least_square_sigma");
+        visit("linear_mean_velocity");
+        if (cfg.if_est_hgt == 1) visit("baseline_dependent_dem_error");
+    }
+
+    const int filter = cfg.if_apply_filter;
+    const bool filtering = filter >= 1 && filter <= 5;
+    if (filter == 1 || filter == 3 || filter == 4) {
+        visit("linear_mean_velocity.filtered");
+        visit("linear_stacking_mean_velocity.filtered");
+    }
+    std::vector<const char*> map_suffixes;
+    if (inversion) map_suffixes.push_back(".disp");
+    if (filtering) map_suffixes.push_back(".disp.filtered");
+    if (filter == 4) map_suffixes.push_back(".disp.sfilter");
+    if (map_suffixes.empty()) return;
+    const std::vector<int> dates = network_dates(cfg);
+    for (size_t later = 1; later < dates.size(); ++later)
+        for (size_t earlier = 0; earlier < later; ++earlier) {
+            const std::string stem =
+                "culmap-" + std::to_string(dates[later]) + "-" + std::to_string(dates[earlier]);
+            for (const char* suffix : map_suffixes) visit(stem + suffix);
+        }
+}
+
+void refuse_outputs_over_inputs(const CFG& cfg, const char* config_path)
+{
+    std::map<Identity, std::string> inputs;
+    add_input(inputs, config_path);
+    add_input(inputs, cfg.headerfile);
+    add_input(inputs, cfg.filelist);
+    if (cfg.if_inverse_time_series != 0 && cfg.if_est_hgt == 1) add_input(inputs, cfg.baselines);
+    if (cfg.if_remove_eds == 1) {
+        add_input(inputs, cfg.demfile);
+        add_input(inputs, cfg.demfile_header);
+    }
+    for (const std::string& name : cfg.ifg_names) add_input(inputs, com::join_path(cfg.datafolder, name.c_str()).c_str());
+
+    for_each_output(cfg, [&](const std::string& name) {
+        const com::Path output = com::join_path(cfg.resultfolder, name.c_str());
+        struct stat st {};
+        if (lstat(output.c_str(), &st) != 0) return;
+        const auto input = inputs.find(Identity{st.st_dev, st.st_ino});
+        if (input != inputs.end())
+            lib::die("output %s would overwrite the input %s\n", output.c_str(), input->second.c_str());
+    });
+}
+
+void require_interferograms(const CFG& cfg)
+{
+    if (cfg.ifg_names.empty()) lib::die("%s lists no interferogram: nothing to process\n", cfg.filelist);
+}
+
+void warn_physical_settings(const CFG& cfg)
+{
+    if (cfg.if_inverse_time_series == 0) return;
+    if ((cfg.temporal_constraint == 1 || cfg.temporal_constraint == 2) &&
+        !(std::isfinite(cfg.temporal_strength) && cfg.temporal_strength > 0.0f))
+        std::fprintf(stderr, "warning: temporal_strength is %g; the temporal constraint needs a positive finite weight\n",
+                     cfg.temporal_strength);
+    if (cfg.if_est_hgt != 1) return;
+    const std::pair<const char*, float> settings[] = {
+        {"wavelength", cfg.wavelength}, {"orbit_altitude", cfg.orbit_altitude}, {"incidence", cfg.incidence}};
+    for (const auto& [key, value] : settings)
+        if (!usable(value))
+            std::fprintf(stderr, "warning: %s is %g; the DEM-error term needs a finite nonzero value\n", key, value);
+}
+
+}  // namespace sbas

@@ -1,0 +1,41 @@
+// Checks of a job that the driver makes before the stages that depend on
+// them: no output may overwrite an input, there must be interferograms to
+// work on, and the physical settings of the inversion should be usable.
+#pragma once
+
+#include <functional>
+#include <string>
+
+struct CFG;
+
+namespace sbas {
+
+// Calls visit(name) for every file, named relative to cfg.resultfolder, that
+// a run with these settings may write, in no particular order. The one list
+// of a run's outputs: a stage that writes a new file adds its name here.
+// The displacement maps are named for every pair of the list's dates (later,
+// earlier), since the loop-closure check may drop the first date.
+void for_each_output(const CFG& cfg, const std::function<void(const std::string&)>& visit);
+
+// Ends the run (status 0) with "output %s would overwrite the input %s\n" on
+// standard error when an output path of for_each_output is one of the run's
+// inputs: the configuration at `config_path`, the header, the list, each
+// interferogram, and the baselines and DEM files when a stage reads them.
+// Files are compared by device and inode, so another spelling of a path or
+// a hard link is caught. An output path is taken as it stands (outputs
+// replace a symbolic link rather than write through it); an input is both
+// the file it leads to and, when it is a link, the link itself.
+void refuse_outputs_over_inputs(const CFG& cfg, const char* config_path);
+
+// Ends the run with "%s lists no interferogram: nothing to process\n"
+// (standard error, the list's path) when the record holds no interferogram.
+void require_interferograms(const CFG& cfg);
+
+// Writes one warning line on standard error for each setting of the
+// inversion that cannot give a number: temporal_strength when a temporal
+// constraint is used and it is not a positive finite weight; wavelength,
+// orbit_altitude and incidence when the DEM-error term is estimated and one
+// is zero or not finite. The run goes on.
+void warn_physical_settings(const CFG& cfg);
+
+}  // namespace sbas

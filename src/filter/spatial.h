@@ -1,0 +1,43 @@
+// The spatial filter: a two-dimensional Gaussian low-pass in the frequency
+// domain over whole rasters, for the displacement maps and the two mean
+// velocity rasters.
+#pragma once
+
+#include <cstdint>
+
+#include "config/cfg.h"
+
+namespace sbas {
+
+// Filters, by cfg.if_apply_filter, every displacement map of the run in
+// resultfolder:
+//   1: culmap-D-F.disp to culmap-D-F.disp.filtered;
+//   3: culmap-D-F.disp.filtered in place (after the temporal filter);
+//   4: culmap-D-F.disp to culmap-D-F.disp.sfilter (read by the temporal
+//      filter, which then removes them);
+//   2, 5: no map;
+// then linear_mean_velocity and linear_stacking_mean_velocity to their
+// ".filtered" files. Missing inputs are skipped without a word. A value
+// outside 1..5 ends the run with "illegal parameters if_apply_filter = %d\n"
+// after the start banner.
+void spatial_filter(CFG cfg);
+
+}  // namespace sbas
+
+namespace com {
+
+// Reads the raster `input` whole (a missing or short file ends the run),
+// sets its no-data samples to 0, filters it with fftw_filter_2d and writes
+// it to `output` (mode "wb"; may be `input`). Sigma is spatial_filter_sigma
+// in frequency bins, or (WIDTH + FILE_LENGTH) * 0.3 * 0.5 when negative.
+void spatial_filter(const CFG& cfg, const char* input, const char* output);
+
+// Filters `data` (rows x cols float32, row-major) in place with the
+// Gaussian gain exp(-(r - R/2)^2 / (2 sigma_rows^2) - (c - K/2)^2 /
+// (2 sigma_cols^2)) over the frequency bins of the grid cut to even sizes
+// R x K. Samples that are exactly 0 stay 0 (they are the mask), and the
+// last row or column of an odd grid is left as it was. `flag` has no
+// effect. Returns 0.
+int fftw_filter_2d(int64_t rows, int64_t cols, float* data, double sigma_rows, double sigma_cols, int flag);
+
+}  // namespace com

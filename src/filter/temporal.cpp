@@ -1,0 +1,155 @@
+// The temporal filter smooths every pixel's displacement history with a
+// Gaussian over its frequency bins. The M samples of a history are treated
+// as evenly spaced whatever the dates, and gaps (no-data) enter as 0.
+//
+// A history is padded on both sides by repeating its first and last values,
+// floor(M/2) samples each (one more at the end if the length would be odd),
+// so that the circular transform does not wrap the last value onto the first.
+// Multiplying by (-1)^i moves zero frequency to bin L/2, where the gain
+// exp(-(j - L/2)^2 / (2 sigma^2)) is 1; both the exponent and the gain are
+// rounded to single precision, and the result, undone by the same sign and
+// divided by L for FFTW's unscaled inverse, is single precision too.
+//
+// Every history of a run has the same length, so the transforms are planned
+// once and executed on each series in the plan's own arrays; FFTW gives the
+// same bytes for the same plan, size and alignment, which is what a fresh plan
+// per series (fftw_1d_filter2) would give. The gain is the same for every
+// series and is computed once as well.
+//
+// The maps are read and written maxcap pixels at a time, so one batch of the
+// whole history is in memory; outputs are appended batch after batch.
+#include "filter/temporal.h"
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+
+#include "catalogue/header.h"
+#include "catalogue/raster.h"
+#include "numerics/arrays.h"
+#include "numerics/parallel.h"
+#include "numerics/validity.h"
+
+namespace sbas {
+void temporal_filter(CFG cfg)
+{
+    const std::vector<DATEORDER> dates = com::getdateorder(cfg);
+    const int64_t maps = dates.size() > 1 ? static_cast<int64_t>(dates.size()) - 1 : 0;
+    const HEADER header = com::readheader(cfg.headerfile);
+    double sigma = cfg.temporal_filter_sigma;
+    if (sigma < 0) sigma = com::mean_date_spacing(dates);
+    std::fputs("\n**********Time series temporal filter start**************\n", stderr);
+
+    const int64_t pixels = com::pixel_count(header);
+    const float total = lib::batch_total(header.WIDTH, header.FILE_LENGTH, cfg.maxcap);
+    com::SeriesFilter filter;
+    if (maps > 0) filter = com::plan_series_filter(maps, sigma);
+    std::vector<double> series(static_cast<size_t>(maps));
+    std::vector<float> filtered(static_cast<size_t>(maps));
+
+    lib::for_each_batch(pixels, cfg.maxcap, [&](const lib::Batch& batch) {
+        std::fprintf(stderr, "\n=> Filtering batch %d / %.0f\n", batch.number, total);
+        float** history = com::readreftimeseries(cfg, dates, batch.first, batch.end);
+        std::fprintf(stderr, "Number of dispalcement maps     : %d\n", static_cast<int>(maps));
+        std::fprintf(stderr, "Guassian kernal sigma           : %.2f days\n", sigma);
+        const int64_t count = batch.end - batch.first;
+        for (int64_t j = 0; maps > 0 && j < count; ++j) {
+            for (int64_t k = 0; k < maps; ++k) series[k] = history[k][j];
+            com::filter_series(filter, series.data(), filtered.data());
+            for (int64_t k = 0; k < maps; ++k) history[k][j] = filtered[k];
+        }
+        for (int64_t k = 0; k < maps; ++k) {
+            const com::Path output = com::map_path(cfg, dates, static_cast<size_t>(k + 1), ".filtered");
+            com::write_samples(output.c_str(), com::batch_mode(batch.first), history[k], count);
+        }
+        lib::free2d_float(history, static_cast<int>(maps));
+    });
+    if (maps > 0) com::destroy_series_filter(filter);
+
+    // The spatially filtered maps were only the way in; they go once read.
+    if (cfg.if_apply_filter == 4)
+        for (size_t k = 1; k < dates.size(); ++k) std::remove(com::map_path(cfg, dates, k, ".sfilter").c_str());
+    std::fputs("\n***********Time series temporal filter finish************\n", stderr);
+}
+
+}  // namespace sbas
+
+namespace com {
+
+float** readreftimeseries(const CFG& cfg, const std::vector<DATEORDER>& dates, int64_t start, int64_t end)
+{
+    if (dates.size() < 2) return nullptr;
+    const int64_t maps = static_cast<int64_t>(dates.size()) - 1;
+    const int64_t count = end - start;
+    float** history = lib::need_rows(maps, count);
+    const char* suffix = cfg.if_apply_filter == 4 ? ".sfilter" : "";
+    for (int64_t k = 0; k < maps; ++k) {
+        const Path input = map_path(cfg, dates, static_cast<size_t>(k + 1), suffix);
+        read_raster(input.c_str(), start, count, history[k]);
+        for (int64_t j = 0; j < count; ++j)
+            if (!lib::isvalid(history[k][j])) history[k][j] = 0.0f;
+    }
+    return history;
+}
+
+SeriesFilter plan_series_filter(int64_t n, double sigma)
+{
+    SeriesFilter filter;
+    const SeriesPadding padding = pad_series(n);
+    filter.n = n;
+    filter.pad = padding.pad;
+    filter.length = padding.length;
+    const int length = fft_size(filter.length);
+    filter.fft = fft_buffers(filter.length);
+    filter.forward = fftw_plan_dft_1d(length, filter.fft.a, filter.fft.b, FFTW_FORWARD, FFTW_ESTIMATE);
+    filter.backward = fftw_plan_dft_1d(length, filter.fft.b, filter.fft.a, FFTW_BACKWARD, FFTW_ESTIMATE);
+    filter.gain.resize(static_cast<size_t>(filter.length));
+    for (int64_t j = 0; j < filter.length; ++j) {
+        const float exponent = static_cast<float>(gauss_exponent(j, filter.length, sigma));
+        filter.gain[j] = static_cast<float>(std::exp(-static_cast<double>(exponent)));
+    }
+    return filter;
+}
+
+void filter_series(const SeriesFilter& filter, const double* series, float* filtered)
+{
+    const int64_t n = filter.n, pad = filter.pad, L = filter.length;
+    fftw_complex* a = filter.fft.a;
+    fftw_complex* b = filter.fft.b;
+    for (int64_t i = 0; i < L; ++i) {
+        const double value = i < pad ? series[0] : i < pad + n ? series[i - pad] : series[n - 1];
+        a[i][0] = i % 2 != 0 ? -value : value;
+        a[i][1] = 0.0;
+    }
+    fftw_execute_dft(filter.forward, a, b);
+    for (int64_t j = 0; j < L; ++j) {
+        b[j][0] *= filter.gain[j];
+        b[j][1] *= filter.gain[j];
+    }
+    fftw_execute_dft(filter.backward, b, a);
+    const float length = static_cast<float>(L);
+    for (int64_t i = pad; i < pad + n; ++i) {
+        float value = static_cast<float>(a[i][0]);
+        if (i % 2 != 0) value = -value;
+        filtered[i - pad] = value / length;
+    }
+}
+
+void destroy_series_filter(SeriesFilter& filter)
+{
+    if (filter.forward) fftw_destroy_plan(filter.forward);
+    if (filter.backward) fftw_destroy_plan(filter.backward);
+    free_fft_buffers(filter.fft);
+    filter = {};
+}
+
+float* fftw_1d_filter2(int64_t n, const double* series, double sigma)
+{
+    float* filtered = lib::need<float>(n);
+    SeriesFilter filter = plan_series_filter(n, sigma);
+    filter_series(filter, series, filtered);
+    destroy_series_filter(filter);
+    return filtered;
+}
+
+}  // namespace com

@@ -1,0 +1,381 @@
+// Loop-closure check and interferogram rejection.
+//
+// Three interferograms that join three dates d0 < d1 < d2 close a loop: at
+// every pixel the closure phi(d0,d1) - phi(d0,d2) + phi(d1,d2), formed in
+// single precision, is zero up to noise unless one of them holds an
+// unwrapping error, which shows as a multiple of 2 pi. Loops are found over
+// the list in index order: for each pair i < j that shares a date, only the
+// first later interferogram k whose dates both lie among the pair's three
+// dates closes it, so every triangle is found once, from its two lowest
+// indices.
+//
+// The grid is read in batches of maxcap pixels, every interferogram at once,
+// and every loop is visited at every pixel of the batch. Nothing is stored
+// per closure value: each pixel keeps a running count, mean and sample
+// variance of its closures and a count of failed loops (|closure| above
+// loop_misclosure_threshold); each loop keeps the same running moments over
+// its pixels. A pixel sees its loops in enumeration order and a loop sees
+// its pixels in pixel order whatever the batch size, so the statistics, and
+// every output byte, do not depend on maxcap.
+//
+// After the last batch, the per-pixel standard deviations give the pixel
+// threshold (mean + confidence_level x deviation, when it is asked for
+// automatically), and every interferogram's mean loop deviation over its
+// loops gives the interferogram threshold the same way. Interferograms at or
+// above it are rejected. When nothing forms a loop both thresholds become
+// 6.28, about 2 pi, whatever was configured.
+//
+// The three rasters written at the end pass every value through one scratch
+// float, in the order std, failed ratio, mask. An under-looped pixel of a run
+// that allows them takes the scratch value as it stands: the mask value of
+// the pixel before it, or for pixel 0 the failed ratio of the last pixel.
+// The contract fixes this carry-over; LoopClosure.UnderLoopedPixelsCarryTheScratchValue
+// pins it.
+#include "quality/loop_closure.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+#include "catalogue/filelist.h"
+#include "catalogue/header.h"
+#include "catalogue/raster.h"
+#include "catalogue/stack.h"
+#include "numerics/arrays.h"
+#include "numerics/parallel.h"
+#include "numerics/progress.h"
+#include "numerics/stats.h"
+#include "numerics/validity.h"
+
+namespace quality {
+namespace {
+
+// A pixel's closures so far: count of loops with a valid closure, their
+// running mean and variance, and how many of them failed.
+struct PixelClosure {
+    lib::RunningMoments closure;
+    double failed;
+};
+
+// An interferogram's loops (with at least one valid pixel) and the sum of
+// their closure deviations, later their mean.
+struct IfgClosure {
+    double loops;
+    double std_sum;
+};
+
+// Pixels written per chunk of an output raster: the rasters are formed
+// from the accumulators a chunk at a time, never whole.
+constexpr int64_t kChunkPixels = 1 << 16;
+
+constexpr float kNoLoopThreshold = 6.28f;
+constexpr double kNoLoopStd = 9999.0;
+
+[[noreturn]] void loop_format_error() { lib::die_stdout("file format error, cannot form loop closure"); }
+
+std::vector<LOOPORDER> find_loops(const CFG& cfg)
+{
+    const int64_t n = static_cast<int64_t>(cfg.ifg_names.size());
+    std::vector<int64_t> first(static_cast<size_t>(n));
+    std::vector<int64_t> second(static_cast<size_t>(n));
+    for (int64_t k = 0; k < n; ++k) {
+        first[k] = com::phsfilename2date(cfg.ifg_names[k].c_str(), 1);
+        second[k] = com::phsfilename2date(cfg.ifg_names[k].c_str(), 2);
+    }
+    std::vector<LOOPORDER> loops;
+    for (int64_t i = 0; i < n; ++i) {
+        for (int64_t j = i + 1; j < n; ++j) {
+            std::array<int64_t, 4> set = {first[i], second[i], first[j], second[j]};
+            std::sort(set.begin(), set.end());
+            const size_t dates = static_cast<size_t>(std::unique(set.begin(), set.end()) - set.begin());
+            if (dates > 3) continue;
+            const auto in_set = [&](int64_t date) {
+                return std::find(set.begin(), set.begin() + dates, date) != set.begin() + dates;
+            };
+            int64_t k = j + 1;
+            while (k < n && !(in_set(first[k]) && in_set(second[k]))) ++k;
+            if (k == n) continue;
+            // Two dates only (a pair listed twice, or a one-date name) cannot
+            // make a triangle: that is a broken list too.
+            if (dates < 3) loop_format_error();
+            LOOPORDER loop{set[0], set[1], set[2], -1, -1, -1};
+            for (const int64_t m : {i, j, k}) {
+                if (first[m] == loop.date0 && second[m] == loop.date1) loop.ifg01 = m;
+                if (first[m] == loop.date0 && second[m] == loop.date2) loop.ifg02 = m;
+                if (first[m] == loop.date1 && second[m] == loop.date2) loop.ifg12 = m;
+            }
+            if (loop.ifg01 < 0 || loop.ifg02 < 0 || loop.ifg12 < 0) loop_format_error();
+            loops.push_back(loop);
+        }
+    }
+    return loops;
+}
+
+void print_settings(const CFG& cfg)
+{
+    std::fputs("*********************************************************\n"
+               "*****Checking unwrapping error by loop closure start*****\n"
+               "******************Pixel by pixel checking****************\n",
+               stderr);
+    std::fprintf(stderr, "Loop_misclosure_threshod       : %.2f\n", cfg.loop_misclosure_threshold);
+    std::fprintf(stderr, "Loop_misclosure_ratio_threshod : %.2f\n", cfg.loop_misclosure_ratio_threshod);
+    std::fprintf(stderr, "Minimun_loop_num               : %d\n", cfg.minimun_loop_num);
+    std::fprintf(stderr, "If_allow_unlooped_pixel        : %d\n", cfg.if_allow_unlooped_pixel);
+    std::fprintf(stderr, "If_allow_unlooped_ifgs         : %d\n", cfg.if_allow_unlooped_ifgs);
+    std::fprintf(stderr, "Whole_ifg_closure_std_threshod : %.3f\n", cfg.whole_ifg_closure_std_threshold);
+    std::fprintf(stderr, "Loop_closure_mean_std_threshold: %.3f\n", cfg.loop_closure_mean_std_threshold);
+}
+
+// Loops visited together in one pass over the pixels of a batch. Each loop's
+// moments form a chain of dependent divisions from pixel to pixel; walking a
+// few loops side by side keeps several chains in flight at once. A pixel
+// still sees its loops in enumeration order, and a loop its pixels in pixel
+// order, so every sum is the one the loop-by-loop order gives.
+constexpr size_t kLoopsTogether = 4;
+
+// Adds the closures of `count` consecutive loops (at most kLoopsTogether)
+// over a batch of `width` pixels; pixels[j] is the accumulator of the
+// batch's pixel j, moments[g] that of loops[g]. Every loop's three rows are
+// walked side by side with plain pointers.
+template <size_t count>
+void add_loops(const LOOPORDER* loops, float* const* batch, int64_t width, float misclosure_threshold,
+               PixelClosure* pixels, lib::RunningMoments* moments)
+{
+    const float* s01[count];
+    const float* s02[count];
+    const float* s12[count];
+    // Local copies: stored through the pixel records, the loops' moments
+    // would otherwise be reloaded after every update.
+    lib::RunningMoments loop_moments[count];
+    for (size_t g = 0; g < count; ++g) {
+        s01[g] = batch[loops[g].ifg01];
+        s02[g] = batch[loops[g].ifg02];
+        s12[g] = batch[loops[g].ifg12];
+        loop_moments[g] = moments[g];
+    }
+    for (int64_t j = 0; j < width; ++j) {
+        PixelClosure pixel = pixels[j];
+        for (size_t g = 0; g < count; ++g) {
+            const float a = s01[g][j];
+            const float b = s02[g][j];
+            const float c = s12[g][j];
+            if (!lib::isvalid(a) || !lib::isvalid(b) || !lib::isvalid(c)) continue;
+            const float closure = a - b + c;
+            pixel.closure.add(closure);
+            loop_moments[g].add(closure);
+            if (std::fabs(closure) > misclosure_threshold) pixel.failed += 1;
+        }
+        pixels[j] = pixel;
+    }
+    for (size_t g = 0; g < count; ++g) moments[g] = loop_moments[g];
+}
+
+// The contract's progress lines for loop l of n, erasing the indicator's
+// line before each.
+void print_progress_lines(size_t l, size_t n, const std::array<long, 4>& marks)
+{
+    const auto line = [](const char* text) {
+        lib::progress_clear();
+        std::fputs(text, stderr);
+    };
+    const long at = static_cast<long>(l);
+    if (l == 0) line("  Progress   0%\n");
+    if (at == marks[0]) line("  Progress  20%\n");
+    if (at == marks[1]) line("  Progress  40%\n");
+    if (at == marks[2]) line("  Progress  60%\n");
+    if (at == marks[3]) line("  Progress  80%\n");
+    if (l == n - 1) line("  Progress 100%\n");
+}
+
+// Writes folder "/" name with value(p) for every pixel p, a chunk at a time,
+// passing each value through `scratch` as it goes.
+template <typename Value>
+void write_pixels(const char* folder, const char* name, int64_t pixels, float& scratch, Value value)
+{
+    std::vector<float> chunk(static_cast<size_t>(std::min(pixels, kChunkPixels)));
+    lib::for_each_batch(pixels, kChunkPixels, [&](const lib::Batch& part) {
+        for (int64_t p = part.first; p < part.end; ++p) {
+            value(p, scratch);
+            chunk[static_cast<size_t>(p - part.first)] = scratch;
+        }
+        com::write_batch(folder, name, part.first, chunk.data(), part.end - part.first);
+    });
+}
+
+// Closes a text output; a failed write (a full disk) ends the run rather
+// than leave a shortened list behind.
+void close_text(FILE* stream, const char* path)
+{
+    const bool failed = std::ferror(stream) != 0;
+    if (std::fclose(stream) != 0 || failed) lib::die("%s could not be written\n", path);
+}
+
+// What an automatic threshold is made of: the running mean and the standard
+// deviation of the values counted, and whether any value was counted.
+struct Spread {
+    double mean = 0;
+    double std = 0;
+    bool counted = false;
+};
+
+Spread spread(const lib::RunningMoments& moments)
+{
+    return {moments.mean, std::sqrt(moments.variance), moments.count > 0.5};
+}
+
+}  // namespace
+
+void remove_ifg_by_loop_closure_with_reference(CFG* cfg, const float* reference_values)
+{
+    print_settings(*cfg);
+    const HEADER header = com::readheader(cfg->headerfile);
+    const int64_t pixel_total = com::pixel_count(header);
+    const int64_t n_ifg = static_cast<int64_t>(cfg->ifg_names.size());
+    const std::vector<LOOPORDER> loops = find_loops(*cfg);
+    const size_t n_loops = loops.size();
+
+    PixelClosure* pixels = lib::need<PixelClosure>(pixel_total);
+    lib::RunningMoments* loop_moments = lib::need<lib::RunningMoments>(static_cast<int64_t>(n_loops));
+    IfgClosure* ifgs = lib::need<IfgClosure>(n_ifg);
+
+    const double share = static_cast<double>(n_loops);
+    const std::array<long, 4> marks = {std::lround(0.2 * share), std::lround(0.4 * share), std::lround(0.6 * share),
+                                       std::lround(0.8 * share)};
+    const float total = lib::batch_total(header.WIDTH, header.FILE_LENGTH, cfg->maxcap);
+    lib::for_each_batch(pixel_total, cfg->maxcap, [&](const lib::Batch& batch) {
+        std::fprintf(stderr, "\n=>Caculating phase closure maps batch %d / %.0f\n", batch.number, total);
+        float** stack = com::readallfile_nomask(*cfg, batch.first, batch.end, reference_values);
+        if (n_loops > 0) {
+            lib::progress_begin("Loop closure", static_cast<int64_t>(n_loops), "loops");
+            // Groups of kLoopsTogether loops, then the last few one by one.
+            for (size_t l = 0; l < n_loops;) {
+                const size_t count = n_loops - l >= kLoopsTogether ? kLoopsTogether : 1;
+                for (size_t g = l; g < l + count; ++g) print_progress_lines(g, n_loops, marks);
+                const auto add = count == kLoopsTogether ? add_loops<kLoopsTogether> : add_loops<1>;
+                add(&loops[l], stack, batch.end - batch.first, cfg->loop_misclosure_threshold, pixels + batch.first,
+                    &loop_moments[l]);
+                lib::progress_add(static_cast<int64_t>(count));
+                l += count;
+            }
+            lib::progress_end();
+        }
+        lib::free2d_float(stack, static_cast<int>(n_ifg));
+    });
+
+    // The pixel threshold, from the deviations of every looped pixel.
+    lib::RunningMoments pixel_std;
+    for (int64_t p = 0; p < pixel_total; ++p)
+        if (pixels[p].closure.count > 0.5) pixel_std.add(std::sqrt(pixels[p].closure.variance));
+    const Spread pixel_spread = spread(pixel_std);
+    if (cfg->loop_closure_mean_std_threshold < 0)
+        cfg->loop_closure_mean_std_threshold =
+            static_cast<float>(cfg->confidence_level * pixel_spread.std + pixel_spread.mean);
+    if (!pixel_spread.counted) cfg->loop_closure_mean_std_threshold = kNoLoopThreshold;
+
+    float scratch = 0.0f;
+    write_pixels(cfg->resultfolder, "phase_loop_closure_std", pixel_total, scratch, [&](int64_t p, float& out) {
+        out = static_cast<float>(std::sqrt(pixels[p].closure.variance));
+    });
+    write_pixels(cfg->resultfolder, "phase_loop_closure_failed_ratio", pixel_total, scratch,
+                 [&](int64_t p, float& out) { out = static_cast<float>(pixels[p].failed / pixels[p].closure.count); });
+
+    // Every loop that saw a valid pixel counts for its three interferograms.
+    for (size_t l = 0; l < n_loops; ++l) {
+        const LOOPORDER& loop = loops[l];
+        const int d0 = static_cast<int>(loop.date0);
+        const int d1 = static_cast<int>(loop.date1);
+        const int d2 = static_cast<int>(loop.date2);
+        if (loop_moments[l].count < 0.5) {
+            std::fprintf(stderr, "Connecting loop %d-%d-%d, No valid points\n", d0, d1, d2);
+            continue;
+        }
+        const double loop_std = std::sqrt(loop_moments[l].variance);
+        for (const int64_t k : {loop.ifg01, loop.ifg02, loop.ifg12}) {
+            ifgs[k].loops += 1;
+            ifgs[k].std_sum += loop_std;
+        }
+        std::fprintf(stderr, "Connecting loop %d-%d-%d, std=%6.3f\n", d0, d1, d2, loop_std);
+    }
+    lib::RunningMoments ifg_std;
+    for (int64_t k = 0; k < n_ifg; ++k) {
+        if (ifgs[k].loops <= 0.5) continue;
+        ifgs[k].std_sum /= ifgs[k].loops;
+        ifg_std.add(ifgs[k].std_sum);
+    }
+    const Spread ifg_spread = spread(ifg_std);
+    if (cfg->whole_ifg_closure_std_threshold < 0)
+        cfg->whole_ifg_closure_std_threshold =
+            static_cast<float>(cfg->confidence_level * ifg_spread.std + ifg_spread.mean);
+    if (!ifg_spread.counted) cfg->whole_ifg_closure_std_threshold = kNoLoopThreshold;
+
+    const com::Path statistics_path = com::join_path(cfg->resultfolder, "filelist_statistics");
+    FILE* statistics = com::open_output(statistics_path.c_str(), "w");
+    std::fputs("filename  mean_phase_closure_std   number_of_loops if_used\n", statistics);
+    if (cfg->if_delete_bad_ifgs == 0) {
+        for (int64_t k = 0; k < n_ifg; ++k) {
+            const bool looped = ifgs[k].loops > 0.5;
+            std::fprintf(statistics, "%s %7.2f %4d YES\n", cfg->ifg_names[k].c_str(),
+                         looped ? ifgs[k].std_sum : kNoLoopStd, static_cast<int>(ifgs[k].loops));
+        }
+        close_text(statistics, statistics_path.c_str());
+    } else {
+        std::fputs("\n=>Deleting bad ifgs based on averaged phase closure std\n", stderr);
+        std::fprintf(stderr, "Whole_ifg_closure_std_threshod : %.3f\n", cfg->whole_ifg_closure_std_threshold);
+        const com::Path used_path = com::join_path(cfg->resultfolder, "filelist_used");
+        std::snprintf(cfg->filelist, sizeof cfg->filelist, "%s", used_path.c_str());
+        FILE* used = com::open_output(cfg->filelist, "w");
+        const com::Path deleted_path = com::join_path(cfg->resultfolder, "filelist_deleted");
+        FILE* deleted = com::open_output(deleted_path.c_str(), "w");
+        for (int64_t k = 0; k < n_ifg; ++k) {
+            const char* name = cfg->ifg_names[k].c_str();
+            const double mean_std = ifgs[k].std_sum;
+            const int count = static_cast<int>(ifgs[k].loops);
+            if (ifgs[k].loops <= 0.5) {
+                if (cfg->if_allow_unlooped_ifgs == 1) {
+                    std::fprintf(used, "%s\n", name);
+                    std::fprintf(statistics, "%s 9999.00    0 YES\n", name);
+                } else {
+                    std::fprintf(statistics, "%s 9999.0    0 NO\n", name);
+                    std::fprintf(deleted, "%s\n", name);
+                    std::fprintf(stderr, "deleting %s, std = %7.2f, number of loops = %4d\n", name, kNoLoopStd, 0);
+                }
+            } else if (mean_std >= cfg->whole_ifg_closure_std_threshold) {
+                std::fprintf(deleted, "%s\n", name);
+                std::fprintf(stderr, "deleting %s, std = %7.2f, number of loops = %4d\n", name, mean_std, count);
+                std::fprintf(statistics, "%s %7.2f %4d NO\n", name, mean_std, count);
+            } else {
+                std::fprintf(used, "%s\n", name);
+                std::fprintf(statistics, "%s %7.2f %4d YES\n", name, mean_std, count);
+            }
+        }
+        close_text(statistics, statistics_path.c_str());
+        close_text(used, used_path.c_str());
+        close_text(deleted, deleted_path.c_str());
+        com::readfilenamelist(cfg, cfg->filelist);
+    }
+
+    // 1 marks a pixel that fails the check: too many failed loops or too
+    // much scatter, or too few loops to tell.
+    const double minimum_loops = cfg->minimun_loop_num;
+    write_pixels(cfg->resultfolder, "phase_loop_closure_mask", pixel_total, scratch, [&](int64_t p, float& out) {
+        const PixelClosure& pixel = pixels[p];
+        if (pixel.closure.count >= minimum_loops) {
+            out = 0.0f;
+            if (pixel.failed / pixel.closure.count > cfg->loop_misclosure_ratio_threshod) out = 1.0f;
+            if (std::sqrt(pixel.closure.variance) > cfg->loop_closure_mean_std_threshold) out = 1.0f;
+        } else if (cfg->if_allow_unlooped_pixel == 0) {
+            out = 1.0f;
+        }
+        // Otherwise `out` keeps the scratch value: the carry-over.
+    });
+
+    std::free(pixels);
+    std::free(loop_moments);
+    std::free(ifgs);
+    std::fputs("\n****Checking unwrapping error by loop closure finish*****\n", stderr);
+}
+
+}  // namespace quality

@@ -1,0 +1,194 @@
+// Removal of orbital ramps.
+//
+// Errors in the satellite orbits leave a smooth ramp across an interferogram.
+// The correction models it as a quadratic surface of the pixel position,
+//   c0 + c1 x + c2 y + c3 x y + c4 x^2 + c5 y^2   (x column, y row, pixels),
+// fitted by ordinary least squares to the valid pixels of every s-th row and
+// column (s = orbit_quad_fit_sampling), and subtracts it in double from every
+// valid pixel, storing float. Pixels that failed the loop-closure check stay
+// out of the fit and, like every invalid pixel, are 0 in the copy. The
+// surface is evaluated on the same column values the fit used (x y, x^2, y^2
+// are exact products of integers).
+//
+// With no valid sample at all there is nothing to fit: the surface is 0 and
+// the copy keeps the valid pixels as they are. One to five samples leave the
+// system underdetermined; its estimate is whatever the least-squares kit
+// gives for a singular normal matrix.
+//
+// Interferograms are independent: contiguous blocks of the list go to the
+// threads of one parallel region, each thread with its own raster and design
+// matrix. Every thread writes only its own list entries.
+#include <omp.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <string>
+
+#include "catalogue/raster.h"
+#include "config/fatal.h"
+#include "numerics/arrays.h"
+#include "numerics/least_squares.h"
+#include "numerics/parallel.h"
+#include "numerics/progress.h"
+#include "numerics/validity.h"
+#include "quality/corrections.h"
+
+namespace com {
+namespace {
+
+// Working storage of one thread.
+struct OrbitScratch {
+    float* phase = nullptr;    // the interferogram, then its correction
+    double* design = nullptr;  // samples x 6, one sample's row after another
+    double* observed = nullptr;
+};
+
+// Samples along one axis of n pixels taken every s-th: ceil(n / s).
+int64_t sampled(int64_t n, int64_t s) { return n > 0 ? (n + s - 1) / s : 0; }
+
+OrbitScratch alloc_orbit(const HEADER& grid, int64_t step)
+{
+    const int64_t samples = sampled(grid.WIDTH, step) * sampled(grid.FILE_LENGTH, step);
+    OrbitScratch s;
+    s.phase = lib::need<float>(pixel_count(grid));
+    s.design = lib::need<double>(samples * 6);
+    s.observed = lib::need<double>(samples);
+    return s;
+}
+
+void free_orbit(OrbitScratch& s)
+{
+    std::free(s.phase);
+    std::free(s.design);
+    std::free(s.observed);
+}
+
+void correct(const HEADER& grid, int64_t step, const char* in, const char* out, const float* mask,
+             OrbitScratch& s)
+{
+    const int64_t W = grid.WIDTH;
+    const int64_t L = grid.FILE_LENGTH;
+    const int64_t pixels = pixel_count(grid);
+    float* phase = s.phase;
+    read_raster(in, 0, pixels, phase);
+    for (int64_t p = 0; p < pixels; ++p)
+        if (mask[p] > 0.5) phase[p] = std::numeric_limits<float>::quiet_NaN();
+
+    int64_t n = 0;
+    for (int64_t y = 0; pixels > 0 && y < L; y += step) {
+        for (int64_t x = 0; x < W; x += step) {
+            if (!lib::isvalid(phase[y * W + x])) continue;
+            double* row = s.design + 6 * n;
+            const double xd = static_cast<double>(x);
+            const double yd = static_cast<double>(y);
+            row[0] = 1.0;
+            row[1] = xd;
+            row[2] = yd;
+            row[3] = xd * yd;
+            row[4] = xd * xd;
+            row[5] = yd * yd;
+            s.observed[n] = phase[y * W + x];
+            ++n;
+        }
+    }
+    double c[6] = {0, 0, 0, 0, 0, 0};
+    if (n > 0) {
+        double* fit = lib::linear_function(s.design, n, 6, s.observed);
+        if (!fit) lib::out_of_memory();
+        std::memcpy(c, fit, sizeof c);
+        std::free(fit);
+    }
+
+    for (int64_t y = 0; pixels > 0 && y < L; ++y) {
+        const double yd = static_cast<double>(y);
+        for (int64_t x = 0; x < W; ++x) {
+            float& value = phase[y * W + x];
+            if (!lib::isvalid(value)) {
+                value = 0.0f;
+                continue;
+            }
+            const double xd = static_cast<double>(x);
+            const double ramp = c[0] + c[1] * xd + c[2] * yd + c[3] * (xd * yd) + c[4] * (xd * xd) + c[5] * (yd * yd);
+            value = static_cast<float>(value - ramp);
+        }
+    }
+    write_samples(out, "wb", phase, pixels);
+}
+
+}  // namespace
+
+void remove_orbit(CFG cfg, const char* in, const char* out, const float* mask)
+{
+    const HEADER grid = readheader(cfg.headerfile);
+    const int64_t step = cfg.orbit_quad_fit_sampling > 0 ? cfg.orbit_quad_fit_sampling : 1;
+    OrbitScratch scratch = alloc_orbit(grid, step);
+    correct(grid, step, in, out, mask, scratch);
+    free_orbit(scratch);
+}
+
+}  // namespace com
+
+namespace quality {
+namespace {
+
+constexpr const char* kHeightSuffix = ".remove_hgt";
+
+bool ends_with(const std::string& text, const char* end)
+{
+    const size_t n = std::strlen(end);
+    return text.size() >= n && text.compare(text.size() - n, n, end) == 0;
+}
+
+}  // namespace
+
+void bach_removel_orbit(CFG* cfg)
+{
+    const int64_t n = static_cast<int64_t>(cfg->ifg_names.size());
+    const HEADER grid = com::readheader(cfg->headerfile);
+    float* mask = correction_mask(*cfg, grid);
+
+    std::fputs("*********************************************************\n", stderr);
+    std::fputs("****************Removing orbital ramps start*************\n", stderr);
+    std::fprintf(stderr, "Number of interferograms          : %d \n", static_cast<int>(n));
+    std::fprintf(stderr, "Samppling rate                    : %d \n", cfg->orbit_quad_fit_sampling);
+    std::fprintf(stderr, "If keep the corrected files       : %d \n", cfg->if_keep_corrected_ifg);
+    std::fprintf(stderr, "Number of threads                 : %d\n", cfg->max_parallel_threads);
+    // A step of 0 would never get past the first sample.
+    if (cfg->orbit_quad_fit_sampling < 1)
+        lib::die("orbit_quad_fit_sampling must be a positive number of pixels (it is %d)\n",
+                 cfg->orbit_quad_fit_sampling);
+    const int64_t step = cfg->orbit_quad_fit_sampling;
+    // The elevation-corrected copies this stage reads are intermediates of
+    // the run, deleted once read; only they, never an input of the job.
+    const bool delete_inputs = cfg->if_remove_eds == 1 && std::strcmp(cfg->datafolder, cfg->resultfolder) == 0;
+
+    lib::progress_begin("Removing orbital ramps", n, "interferograms");
+#pragma omp parallel num_threads(lib::region_threads(cfg->max_parallel_threads))
+    {
+        const lib::Block mine = lib::block_of(n, omp_get_num_threads(), omp_get_thread_num());
+        com::OrbitScratch scratch;
+        if (mine.first < mine.end) scratch = com::alloc_orbit(grid, step);
+        for (int64_t i = mine.first; i < mine.end; ++i) {
+            std::string& name = cfg->ifg_names[static_cast<size_t>(i)];
+            const com::Path in = com::join_path(cfg->datafolder, name.c_str());
+            const com::Path out = com::join_path(cfg->resultfolder, (name + ".remove_orbit").c_str());
+            const bool reuse = cfg->if_use_existing_corrected_ifg == 1 && lib::opens_for_reading(out.c_str());
+            if (!reuse) com::correct(grid, step, in.c_str(), out.c_str(), mask, scratch);
+            const bool intermediate = delete_inputs && ends_with(name, kHeightSuffix);
+            name += ".remove_orbit";
+            if (intermediate && lib::opens_for_reading(in.c_str())) std::remove(in.c_str());
+            lib::progress_add(1);
+        }
+        com::free_orbit(scratch);
+    }
+    lib::progress_end();
+
+    std::snprintf(cfg->datafolder, sizeof cfg->datafolder, "%s", cfg->resultfolder);
+    std::fputs("****************Removing orbital ramps finish************\n", stderr);
+    std::fputs("*********************************************************\n", stderr);
+    std::free(mask);
+}
+
+}  // namespace quality

@@ -1,0 +1,147 @@
+// Whole runs on inputs a careless or hostile hand could give: links and hard
+// links at output names, inputs stored under output names, devices, pipes
+// and folders where files are meant, empty lists, over-long fields, short
+// files, non-finite numbers, absurd thread counts and batch sizes. Every run
+// must end with one message on standard error and status 0 (or finish with a
+// note), no signal, no hang, and every input file must hold the same bytes
+// afterwards.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "support/runs.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace testing_support;
+
+std::string with_folder(std::string text, const std::string& folder)
+{
+    for (size_t at = text.find('@'); at != std::string::npos; at = text.find('@', at + folder.size()))
+        text.replace(at, 1, folder);
+    return text;
+}
+
+size_t occurrences(const std::string& text, const std::string& part)
+{
+    size_t n = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
+    return n;
+}
+
+enum Ending { kStop, kFinish };  // a stop writes on standard error
+
+TEST(HostileInput, EveryCaseEndsWithOneMessageAndLeavesTheInputsAlone)
+{
+    const std::string too_long(200, 'x');
+    const std::string bperp = "20200101_20200113 10\n20200113_20200125 -20\n20200101_20200125 30\n";
+    const std::string map = "culmap-20200125-20200101.disp", a = "geo_20200101_20200113.unw",
+                      b = "geo_20200113_20200125.unw", c = "geo_20200101_20200125.unw";
+    // In every text '@' stands for the job's folder. The configuration, with
+    // `extra` lines, is written before `prepare` runs; `argument` is the
+    // configuration's path when empty.
+    const struct {
+        const char* what;
+        std::string extra;
+        std::function<void(TinyJob&)> prepare;
+        std::string argument, message;
+        Ending ending;
+    } cases[] = {
+        {"a link at an output's name is replaced, never written through", "",
+         [&](TinyJob& j) { fs::create_symlink("../ifg/" + a, j.result("linear_mean_velocity")); }, "", "", kFinish},
+        {"the list stored under an output's name", "filelist @/result/least_square_sigma\n",
+         [](TinyJob& j) { fs::copy_file(j.path("list.txt"), j.result("least_square_sigma")); }, "",
+         "output @/result/least_square_sigma would overwrite the input @/result/least_square_sigma\n", kStop},
+        {"the list stored as the loop-closure check's list of kept interferograms",
+         "if_check_loop_closure 1\nfilelist @/result/filelist_used\n",
+         [](TinyJob& j) { fs::copy_file(j.path("list.txt"), j.result("filelist_used")); }, "",
+         "output @/result/filelist_used would overwrite the input @/result/filelist_used\n", kStop},
+        {"the configuration stored under an output's name", "",
+         [](TinyJob& j) { fs::copy_file(j.path("config.txt"), j.result("refpoint")); }, "@/result/refpoint",
+         "output @/result/refpoint would overwrite the input @/result/refpoint\n", kStop},
+        {"a hard link of an interferogram under a map's name", "",
+         [&](TinyJob& j) { fs::create_hard_link(j.path("ifg/" + c), j.result(map)); }, "",
+         "output @/result/" + map + " would overwrite the input @/ifg/" + c + "\n", kStop},
+        {"a hard link of an interferogram under its corrected copy's name",
+         "if_remove_orbit 1\nif_use_existing_corrected_ifg 0\n",
+         [&](TinyJob& j) { fs::create_hard_link(j.path("ifg/" + a), j.result(a + ".remove_orbit")); }, "",
+         "output @/result/" + a + ".remove_orbit would overwrite the input @/ifg/" + a + "\n", kStop},
+        {"a header that is a character device", "headerfile /dev/zero\n", nullptr, "",
+         "/dev/zero is a character device, not a regular file\n", kStop},
+        {"a configuration that is a character device", "", nullptr, "/dev/urandom",
+         "/dev/urandom is a character device, not a regular file\n", kStop},
+        {"an interferogram that is a named pipe", "",
+         [&](TinyJob& j) {
+             fs::remove(j.path("ifg/" + b));
+             mkfifo(j.path("ifg/" + b).c_str(), 0600);
+         },
+         "", "@/ifg/" + b + " is a named pipe, not a regular file\n", kStop},
+        {"an output that is a named pipe", "", [](TinyJob& j) { mkfifo(j.result("least_square_sigma").c_str(), 0600); },
+         "", "@/result/least_square_sigma is a named pipe, not a regular file\n", kStop},
+        {"a list that is a folder", "filelist @/ifg\n", nullptr, "", "@/ifg is a directory, not a regular file\n",
+         kStop},
+        {"an empty list", "", [](TinyJob& j) { write_text(j.path("list.txt"), ""); }, "",
+         "@/list.txt lists no interferogram: nothing to process\n", kStop},
+        {"a data folder that is a file", "datafolder @/header.txt\n", nullptr, "",
+         "datafolder @/header.txt is not a folder\n", kStop},
+        {"a list name longer than a field holds", "",
+         [&](TinyJob& j) { write_text(j.path("list.txt"), a + "\n" + too_long + "_20200113_20200125.unw\n"); }, "",
+         "@/list.txt line 2: a field longer than 199 characters is not supported\n", kStop},
+        {"a configuration path longer than a field holds", "headerfile /" + too_long + "\n", nullptr, "",
+         "@/config.txt line 7: a field longer than 199 characters is not supported\n", kStop},
+        {"a baseline that overflows single precision", "if_est_hgt 1\nbaselines @/bperp.txt\n",
+         [&](TinyJob& j) { write_text(j.path("bperp.txt"), "20200101_20200113 1e39\n" + bperp); }, "",
+         "baseline for 20200101-20200113 not found\n", kStop},
+        {"a zero wavelength", "if_est_hgt 1\nwavelength 0\nbaselines @/bperp.txt\n",
+         [&](TinyJob& j) { write_text(j.path("bperp.txt"), bperp); }, "",
+         "warning: wavelength is 0; the DEM-error term needs a finite nonzero value\n", kFinish},
+        {"an infinite constraint weight", "temporal_constraint 1\ntemporal_strength inf\n", nullptr, "",
+         "warning: temporal_strength is inf; the temporal constraint needs a positive finite weight\n", kFinish},
+        {"a hundred thousand threads", "max_parallel_threads 100000\n", nullptr, "",
+         "max_parallel_threads 100000 is more than this machine can run; using ", kFinish},
+        {"the largest thread count", "max_parallel_threads 2147483647\n", nullptr, "",
+         "max_parallel_threads 2147483647 is more than this machine can run; using ", kFinish},
+        {"a log origin at the first date", "temporal_constraint 2\nsimple_log_origin 20200101\n", nullptr, "",
+         "simple_log_origin is should be earlier than the first observation date!\n", kStop},
+        {"no pixel in a batch", "maxcap 0\n", nullptr, "", "maxcap must be a positive number of pixels (it is 0)\n",
+         kStop},
+        {"a negative batch", "maxcap -5\n", nullptr, "", "maxcap must be a positive number of pixels (it is -5)\n",
+         kStop},
+        // Found by the stack loader: the samples the reference window reads
+        // are there.
+        {"an interferogram one byte short", "ref_row 1\nref_col 1\n",
+         [&](TinyJob& j) { fs::resize_file(j.path("ifg/" + b), 95); }, "", "@/ifg/" + b + " file size wrong 95\n",
+         kStop},
+        // The list of kept interferograms of an earlier run is re-read after
+        // the inversion: the outputs exist and its blank line stops the run.
+        {"a broken list of kept interferograms", "",
+         [&](TinyJob& j) { write_text(j.result("filelist_used"), a + "\n\n"); }, "",
+         "Time series inversion finish****************\n  format error\n", kStop},
+    };
+    for (const auto& k : cases) {
+        SCOPED_TRACE(k.what);
+        TinyJob job(6, 4);
+        for (const std::string& name : {a, b, c}) job.add_ifg(name, std::vector<float>(24, 1.5f));
+        const std::string config = job.config(with_folder(k.extra, job.folder()));
+        if (k.prepare) k.prepare(job);
+        const auto before = files_under(job.folder());
+        const Outcome o = run_program({k.argument.empty() ? config : with_folder(k.argument, job.folder())}, ".", 30);
+        const std::string message = with_folder(k.message, job.folder());
+        EXPECT_FALSE(o.timed_out);
+        if (k.ending == kFinish) expect_finished(o);
+        else expect_stop(o, message, false);
+        EXPECT_TRUE(message.empty() || occurrences(o.err, message) == 1) << o.err;
+        const auto after = files_under(job.folder());
+        for (const auto& [path, bytes] : before) {
+            const auto now = after.find(path);
+            EXPECT_TRUE(now != after.end() && now->second == bytes) << path << " changed";
+        }
+    }
+}
+
+}  // namespace

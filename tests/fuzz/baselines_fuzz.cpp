@@ -1,0 +1,17 @@
+// The perpendicular baselines as a run reads them, for the three
+// interferograms of the job's list.
+#include <cstdlib>
+
+#include "catalogue/baselines.h"
+#include "config/cfg.h"
+#include "fuzz_support.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    fuzz::write_input("baselines.txt", data, size);
+    fuzz::run([] {
+        const CFG cfg = lib::loadcfg("config.txt");
+        std::free(com::get_baselines(cfg));
+    });
+    return 0;
+}

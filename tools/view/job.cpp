@@ -1,0 +1,269 @@
+// Reading a job the way sbas-ts reads it, without its stops.
+//
+// The configuration, the header and the list are split into fields by the
+// same line reader as sbas-ts (lib::for_each_line, lib::substr), numbers are
+// converted by the same prefix rules, and the keys read here are compared in
+// the same relative order, so a file means the same to both programs, key
+// order rule included. What differs is what happens on bad input: sbas-view
+// names the file and stops with a failure status, and it checks the grid
+// before it sizes anything by it.
+#include "view/job.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <algorithm>
+
+#include "catalogue/filelist.h"
+#include "catalogue/header.h"
+#include "config/text.h"
+#include "view/fail.h"
+
+namespace view {
+namespace {
+
+// The configuration as far as sbas-view reads it. Members hold the raw
+// values; paths are resolved afterwards.
+struct Settings {
+    std::string resultfolder, headerfile, filelist, baselines;
+    int64_t ref_row = 0, ref_col = 0;
+    float ref_lat = -9999, ref_lon = -9999;  // sbas-ts's "not given"
+    double wavelength = 0.055165;            // sbas-ts's default, metres
+};
+
+enum class Kind { path, integer, real, length };
+
+struct Key {
+    const char* name;
+    Kind kind;
+    std::string Settings::*path;
+    int64_t Settings::*integer;
+    float Settings::*real;
+    double Settings::*length = nullptr;
+};
+
+// In sbas-ts's comparison order (a subset of its keys).
+const Key kKeys[] = {
+    {"resultfolder", Kind::path, &Settings::resultfolder, nullptr, nullptr},
+    {"headerfile", Kind::path, &Settings::headerfile, nullptr, nullptr},
+    {"filelist", Kind::path, &Settings::filelist, nullptr, nullptr},
+    {"ref_row", Kind::integer, nullptr, &Settings::ref_row, nullptr},
+    {"ref_col", Kind::integer, nullptr, &Settings::ref_col, nullptr},
+    {"ref_lat", Kind::real, nullptr, nullptr, &Settings::ref_lat},
+    {"ref_lon", Kind::real, nullptr, nullptr, &Settings::ref_lon},
+    {"baselines", Kind::path, &Settings::baselines, nullptr, nullptr},
+    {"wavelength", Kind::length, nullptr, nullptr, nullptr, &Settings::wavelength},
+};
+
+FILE* open_text(const std::string& path, const char* what)
+{
+    if (!is_file(path)) fail("%s %s is not a readable file", what, path.c_str());
+    FILE* file = std::fopen(path.c_str(), "r");
+    if (!file) fail("cannot open %s %s", what, path.c_str());
+    return file;
+}
+
+Settings read_settings(const std::string& path)
+{
+    Settings settings;
+    FILE* file = open_text(path, "configuration");
+    lib::for_each_line(file, path.c_str(), false, [&](char* line) {
+        lib::strtruc(line);
+        char key[lib::kFieldBytes];
+        char value[lib::kFieldBytes];
+        lib::substr(key, line, 1);
+        for (const Key& k : kKeys) {
+            if (std::strcmp(key, k.name) != 0) continue;
+            lib::substr(value, line, 2);
+            std::strcpy(key, value);
+            if (k.kind == Kind::path) settings.*k.path = value;
+            else if (k.kind == Kind::integer) settings.*k.integer = lib::int_prefix(value);
+            else if (k.kind == Kind::real) settings.*k.real = static_cast<float>(lib::double_prefix(value));
+            else settings.*k.length = lib::double_prefix(value);
+        }
+    });
+    std::fclose(file);
+    return settings;
+}
+
+Grid read_grid(const std::string& path)
+{
+    if (path.empty()) fail("the configuration names no headerfile");
+    if (!is_file(path)) fail("header %s is not a readable file", path.c_str());
+    const HEADER header = com::readheader(path.c_str());
+    Grid grid{header.WIDTH, header.FILE_LENGTH, header.X_FIRST, header.Y_FIRST, header.X_STEP, header.Y_STEP};
+    if (grid.width < 1 || grid.length < 1)
+        fail("header %s: WIDTH %lld and FILE_LENGTH %lld must both be at least 1", path.c_str(),
+             static_cast<long long>(grid.width), static_cast<long long>(grid.length));
+    if (!std::isfinite(grid.x_first) || !std::isfinite(grid.y_first) || !std::isfinite(grid.x_step) ||
+        !std::isfinite(grid.y_step) || grid.x_step == 0 || grid.y_step == 0)
+        fail("header %s: X_FIRST, Y_FIRST must be finite and X_STEP, Y_STEP finite and non-zero", path.c_str());
+    // WIDTH and FILE_LENGTH are read as 32-bit integers, so their product
+    // fits in 64 bits; the byte size of a raster must too.
+    if (grid.pixels() > INT64_MAX / 8) fail("header %s: the grid is too large", path.c_str());
+    return grid;
+}
+
+// sbas-ts's placement of a coordinate: the nearest sample, half away from zero.
+int64_t nearest(double coordinate, double first, double step)
+{
+    const double index = std::round((coordinate - first) / step);
+    if (!std::isfinite(index) || std::fabs(index) > 9.0e18) return -1;
+    return static_cast<int64_t>(index);
+}
+
+bool on_grid(const Grid& grid, int64_t row, int64_t col)
+{
+    return row >= 0 && row < grid.length && col >= 0 && col < grid.width;
+}
+
+}  // namespace
+
+bool is_folder(const std::string& path)
+{
+    struct stat info {};
+    return !path.empty() && stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+bool is_file(const std::string& path)
+{
+    struct stat info {};
+    return !path.empty() && stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode) &&
+           access(path.c_str(), R_OK) == 0;
+}
+
+std::string folder_of(const std::string& path)
+{
+    const size_t slash = path.find_last_of('/');
+    if (slash == std::string::npos) return ".";
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+std::string resolve(const std::string& folder, const std::string& path)
+{
+    if (path.empty() || path[0] == '/' || folder.empty()) return path;
+    return folder + "/" + path;
+}
+
+Job read_job(const std::string& path)
+{
+    const Settings settings = read_settings(path);
+    const std::string folder = folder_of(path);
+    Job job;
+    job.config = path;
+    job.resultfolder = resolve(folder, settings.resultfolder);
+    job.headerfile = resolve(folder, settings.headerfile);
+    job.filelist = resolve(folder, settings.filelist);
+    job.baselines = resolve(folder, settings.baselines);
+    job.wavelength = settings.wavelength;
+    job.grid = read_grid(job.headerfile);
+    job.ref_row = settings.ref_row;
+    job.ref_col = settings.ref_col;
+    if (settings.ref_lat >= -90 && settings.ref_lat <= 90 && settings.ref_lon >= -180 && settings.ref_lon <= 180) {
+        job.ref_row = nearest(settings.ref_lat, job.grid.y_first, job.grid.y_step);
+        job.ref_col = nearest(settings.ref_lon, job.grid.x_first, job.grid.x_step);
+    }
+    return job;
+}
+
+std::vector<Pair> read_pairs(const std::string& path)
+{
+    if (path.empty()) fail("the configuration names no filelist");
+    std::vector<Pair> pairs;
+    FILE* file = open_text(path, "interferogram list");
+    int line_number = 0;
+    bool bad = false;
+    std::string bad_name;
+    lib::for_each_line(file, path.c_str(), true, [&](char* line) {
+        ++line_number;
+        if (bad) return;
+        char name[lib::kFieldBytes];
+        lib::substr(name, line, 1);
+        Pair pair{name, com::phsfilename2date(name, 1), com::phsfilename2date(name, 2)};
+        if (pair.date1 == 0 || pair.date2 == 0) {
+            bad = true;
+            bad_name = std::to_string(line_number) + " ('" + name + "')";
+            return;
+        }
+        pairs.push_back(pair);
+    });
+    std::fclose(file);
+    if (bad) fail("interferogram list %s: line %s does not hold two dates yyyymmdd", path.c_str(), bad_name.c_str());
+    if (pairs.empty()) fail("interferogram list %s is empty", path.c_str());
+    return pairs;
+}
+
+std::vector<std::string> read_names(const std::string& path)
+{
+    std::vector<std::string> names;
+    if (!is_file(path)) return names;
+    FILE* file = open_text(path, "list");
+    lib::for_each_line(file, path.c_str(), true, [&](char* line) {
+        char name[lib::kFieldBytes];
+        lib::substr(name, line, 1);
+        if (std::strcmp(name, " ") != 0) names.emplace_back(name);
+    });
+    std::fclose(file);
+    return names;
+}
+
+std::vector<Pair> pairs_used(const Job& job, const std::string& result_dir)
+{
+    const std::string used = result_dir + "/filelist_used";
+    return read_pairs(is_file(used) ? used : job.filelist);
+}
+
+std::vector<int> dates_of(const std::vector<Pair>& pairs)
+{
+    std::vector<int> dates;
+    for (const Pair& pair : pairs) {
+        dates.push_back(pair.date1);
+        dates.push_back(pair.date2);
+    }
+    std::sort(dates.begin(), dates.end());
+    dates.erase(std::unique(dates.begin(), dates.end()), dates.end());
+    return dates;
+}
+
+int64_t day_number(int date)
+{
+    using namespace std::chrono;
+    const year_month_day ymd{year{date / 10000}, month{static_cast<unsigned>(date / 100 % 100)},
+                             day{static_cast<unsigned>(date % 100)}};
+    if (date < 0 || !ymd.ok()) fail("%d is not a calendar date", date);
+    return sys_days(ymd).time_since_epoch().count();
+}
+
+std::string iso_date(int date)
+{
+    char text[16];
+    std::snprintf(text, sizeof text, "%04d-%02d-%02d", date / 10000 % 10000, date / 100 % 100, date % 100);
+    return text;
+}
+
+Reference reference_of(const Job& job, const std::string& result_dir)
+{
+    Reference reference;
+    if (job.ref_row != 0 || job.ref_col != 0) {
+        reference = {on_grid(job.grid, job.ref_row, job.ref_col), job.ref_row, job.ref_col};
+        return reference;
+    }
+    const std::string report = result_dir + "/refpoint";
+    if (!is_file(report)) return reference;
+    FILE* file = open_text(report, "reference report");
+    long long row = -1;
+    long long col = -1;
+    lib::for_each_line(file, report.c_str(), true, [&](char* line) {
+        std::sscanf(line, "refpoint row: %lld", &row);
+        std::sscanf(line, "refpoint col: %lld", &col);
+    });
+    std::fclose(file);
+    reference = {on_grid(job.grid, row, col), row, col};
+    return reference;
+}
+
+}  // namespace view
