@@ -58,6 +58,7 @@
 #include "catalogue/filelist.h"
 #include "catalogue/raster.h"
 #include "inversion/patterns.h"
+#include "numerics/progress.h"
 #include "numerics/arrays.h"
 #include "numerics/lanes.h"
 #include "numerics/least_squares.h"
@@ -525,8 +526,10 @@ void invert_block(const CFG& cfg, const Network& net, const std::vector<DATEORDE
     sbas::InversionProfile& profile = s.profile;
     profile.complete += g.complete_count;
     profile.patterns += g.pattern_count;
+    int64_t grouped = 0;  // pixels in patterns
     for (int64_t q = 0; q < g.pattern_count; ++q) {
         const int64_t members = g.start[q + 1] - g.start[q];
+        grouped += members;
         profile.incomplete += members;
         profile.single += members == 1;
     }
@@ -537,10 +540,12 @@ void invert_block(const CFG& cfg, const Network& net, const std::vector<DATEORDE
         const System sys{full.E.get(), &full.design, full.A.get(), full.ifgs.get(), net.N, net.N, net.L, finite};
         solve_pixels(net, sys, stack, g.complete.get(), g.complete_count, s, maps);
     }
+    lib::progress_add(block.end - block.first - grouped);
     clock.lap(profile.products);
     for (int64_t q = 0; q < g.pattern_count; q += kLanes) {
         const int lanes = static_cast<int>(std::min<int64_t>(kLanes, g.pattern_count - q));
         solve_patterns(cfg, net, dates, baselines, rows_all, stack, count, g, q, lanes, s, maps, clock);
+        lib::progress_add(g.start[q + lanes] - g.start[q]);
     }
 }
 
@@ -654,6 +659,7 @@ void invert_batch(const CFG& cfg, const std::vector<DATEORDER>& dateorder, const
         const RowTemplate rows_all = row_template(cfg, net, dateorder, baselines);
         const int threads = lib::region_threads(cfg.max_parallel_threads);
         std::vector<InversionProfile> profiles(static_cast<size_t>(threads));
+        lib::progress_begin("Inverting", P, "pixels");
 #pragma omp parallel num_threads(threads)
         {
             const int thread = omp_get_thread_num();
@@ -663,6 +669,7 @@ void invert_batch(const CFG& cfg, const std::vector<DATEORDER>& dateorder, const
                          profile != nullptr);
             profiles[static_cast<size_t>(thread)] = own.profile;
         }
+        lib::progress_end();
         if (profile)
             for (const InversionProfile& p : profiles) {
                 profile->complete += p.complete;
