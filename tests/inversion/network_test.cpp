@@ -18,7 +18,7 @@
 #include "numerics/linalg.h"
 #include "numerics/validity.h"
 #include "support/child.h"
-#include "support/tiny_job.h"
+#include "support/child.h"
 
 namespace {
 
