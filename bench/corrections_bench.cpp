@@ -23,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "app/job.h"
 #include "catalogue/header.h"
 #include "catalogue/raster.h"
 #include "config/cfg.h"
@@ -70,7 +71,7 @@ void straightforward(const CFG& cfg, const HEADER& grid, const HEADER& block_gri
 {
     const int64_t pixels = com::pixel_count(grid);
     std::vector<float> phase(static_cast<size_t>(pixels));
-    com::read_raster(in, 0, pixels, phase.data());
+    lib::ok_or_exit(com::read_raster(in, 0, pixels, phase.data()));
     const int64_t K = com::eds_sample_cap(grid, block_grid);
     std::vector<float> sp(static_cast<size_t>(K)), sh(static_cast<size_t>(K));
     std::vector<EXPCOFF> blocks(static_cast<size_t>(com::block_count(block_grid)));
@@ -86,7 +87,7 @@ void straightforward(const CFG& cfg, const HEADER& grid, const HEADER& block_gri
             if (lib::isvalid(f.a) && lib::isvalid(f.b)) v = (v - f.a) - f.b * height[r * grid.WIDTH + q];
         }
     }
-    com::write_samples(out, "wb", phase.data(), pixels);
+    lib::ok_or_exit(com::write_samples(out, "wb", phase.data(), pixels));
     (void)cfg;
 }
 
@@ -118,21 +119,22 @@ int main(int argc, char** argv)
                   {"if_use_existing_corrected_ifg", "0"}};
     std::filesystem::create_directories(folder);
     const synth::Job job = synth::write_job(o, folder);
-    CFG cfg = lib::loadcfg(job.config.c_str());
-    const HEADER grid = com::readheader(cfg.headerfile);
+    CFG cfg = lib::value_or_exit(lib::loadcfg(job.config.c_str()));
+    const HEADER grid = lib::value_or_exit(com::readheader(cfg.headerfile));
     const HEADER block_grid = com::eds_block_grid(grid, cfg.eds_block_size);
     std::printf("grid %lld x %lld, %lld x %lld blocks, %zu interferograms\n", static_cast<long long>(grid.WIDTH),
                 static_cast<long long>(grid.FILE_LENGTH), static_cast<long long>(block_grid.WIDTH),
                 static_cast<long long>(block_grid.FILE_LENGTH), cfg.ifg_names.size());
 
-    float* height = com::resample_dem(cfg, grid);
+    const lib::Owned<float> heights = lib::value_or_exit(com::resample_dem(cfg, grid));
+    const float* height = heights.get();
     std::vector<float> mask(static_cast<size_t>(com::pixel_count(grid)), 0.0f);
     const std::string in = job.ifg_folder + "/" + cfg.ifg_names[0];
     const std::string fast_out = folder + "/fast.remove_hgt";
     const std::string plain_out = folder + "/straightforward.remove_hgt";
 
     auto start = Clock::now();
-    com::remove_heigh_dependent(cfg, block_grid, in.c_str(), fast_out.c_str(), height, mask.data());
+    lib::ok_or_exit(com::remove_heigh_dependent(cfg, grid, block_grid, in.c_str(), fast_out.c_str(), height, mask.data()));
     const double fast = seconds_since(start);
     std::printf("one interferogram, side by side:    %.2f s\n", fast);
     if (!skip_straightforward) {
@@ -143,7 +145,6 @@ int main(int argc, char** argv)
         std::printf("outputs identical:                  %s\n",
                     read_bytes(fast_out) == read_bytes(plain_out) ? "yes" : "NO");
     }
-    std::free(height);
 
     for (int threads : {1, 2}) {
         CFG run = cfg;
@@ -154,10 +155,10 @@ int main(int argc, char** argv)
         {
             QuietStderr quiet;
             start = Clock::now();
-            quality::bach_removel_height_dependent(&run);
+            lib::ok_or_exit(quality::bach_removel_height_dependent(&run, grid));
             eds = seconds_since(start);
             start = Clock::now();
-            quality::bach_removel_orbit(&run);
+            lib::ok_or_exit(quality::bach_removel_orbit(&run, grid));
             orbit = seconds_since(start);
         }
         const double n = static_cast<double>(cfg.ifg_names.size());

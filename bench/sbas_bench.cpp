@@ -36,6 +36,7 @@
 #include <string>
 #include <vector>
 
+#include "app/job.h"
 #include "catalogue/dates.h"
 #include "catalogue/header.h"
 #include "catalogue/raster.h"
@@ -140,8 +141,8 @@ double io_floor(const CFG& cfg, int64_t pixels)
 {
     std::vector<float> buffer(static_cast<size_t>(pixels));
     const auto start = Clock::now();
-    for (const auto& name : cfg.ifg_names) com::read_raster(com::join_path(cfg.datafolder, name.c_str()).c_str(), 0,
-                                                            pixels, buffer.data());
+    for (const auto& name : cfg.ifg_names)
+        lib::ok_or_exit(com::read_raster(com::join_path(cfg.datafolder, name.c_str()).c_str(), 0, pixels, buffer.data()));
     return seconds_since(start);
 }
 
@@ -154,26 +155,28 @@ struct Timing {
 Timing load_and_invert(CFG cfg, int threads, int64_t pixels, bool invert)
 {
     cfg.max_parallel_threads = threads;
-    const auto dates = com::getdateorder(cfg);
-    com::readdesignmatrixorder(&cfg, dates);
+    const auto dates = lib::value_or_exit(com::getdateorder(cfg));
+    lib::ok_or_exit(com::readdesignmatrixorder(&cfg, dates));
     cfg.n_ifg = static_cast<int>(cfg.ifg_names.size());
     cfg.n_date = static_cast<int>(dates.size());
     const std::vector<float> references(cfg.ifg_names.size(), 0.0f);
     const std::vector<float> mask(static_cast<size_t>(pixels), 0.0f);
     Timing t;
     QuietStderr quiet;
-    lib::for_each_batch(pixels, cfg.maxcap, [&](const lib::Batch& batch) {
+    lib::ok_or_exit(lib::for_each_batch(pixels, cfg.maxcap, [&](const lib::Batch& batch) {
         std::vector<int> count(static_cast<size_t>(batch.end - batch.first), 0);
         auto start = Clock::now();
-        float** stack = com::readallfile(cfg, batch.first, batch.end, references.data(), mask.data(), count.data());
+        float** stack = lib::value_or_exit(
+            com::readallfile(cfg, batch.first, batch.end, references.data(), mask.data(), count.data()));
         t.load += seconds_since(start);
         if (invert) {
             start = Clock::now();
-            sbas::invert_batch(cfg, dates, nullptr, stack, count.data(), batch.first, batch.end, &t.profile);
+            lib::ok_or_exit(
+                sbas::invert_batch(cfg, dates, nullptr, stack, count.data(), batch.first, batch.end, &t.profile));
             t.invert += seconds_since(start);
         }
         lib::free2d_float(stack, cfg.n_ifg);
-    });
+    }));
     return t;
 }
 
@@ -193,8 +196,8 @@ std::string make_scattered(const std::string& config, const CFG& cfg, int64_t pi
     std::filesystem::create_directories(folder + "/result");
     std::vector<float> samples(static_cast<size_t>(pixels));
     for (size_t k = 0; k < cfg.ifg_names.size(); ++k) {
-        com::read_raster(com::join_path(cfg.datafolder, cfg.ifg_names[k].c_str()).c_str(), 0, pixels,
-                         samples.data());
+        lib::ok_or_exit(com::read_raster(com::join_path(cfg.datafolder, cfg.ifg_names[k].c_str()).c_str(), 0, pixels,
+                                         samples.data()));
         for (int64_t p = 0; p < pixels; ++p) {
             uint64_t z = (static_cast<uint64_t>(k) << 40) ^ static_cast<uint64_t>(p);
             z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ULL;  // splitmix64's finaliser
@@ -215,8 +218,8 @@ std::string make_scattered(const std::string& config, const CFG& cfg, int64_t pi
 // them as a table, one line per thread count.
 void measure_stack(const char* title, const std::string& config, const std::vector<int>& thread_counts)
 {
-    const CFG cfg = lib::loadcfg(config.c_str());
-    const HEADER header = com::readheader(cfg.headerfile);
+    const CFG cfg = lib::value_or_exit(lib::loadcfg(config.c_str()));
+    const HEADER header = lib::value_or_exit(com::readheader(cfg.headerfile));
     const int64_t pixels = header.WIDTH * header.FILE_LENGTH;
     const double megabytes = static_cast<double>(pixels) * 4.0 * static_cast<double>(cfg.ifg_names.size()) / 1048576.0;
     std::printf("\n%s: %lld pixels, %zu interferograms, %.0f MiB of rasters, maxcap %lld\n", title,
@@ -321,8 +324,8 @@ int main(int argc, char** argv)
     // the whole runs stays cheap.
     const std::string config = with_settings(job, "bench-config.txt",
                                              "maxcap " + std::to_string(s.maxcap) + "\nref_row 1\nref_col 1\n");
-    const CFG cfg = lib::loadcfg(config.c_str());
-    const HEADER header = com::readheader(cfg.headerfile);
+    const CFG cfg = lib::value_or_exit(lib::loadcfg(config.c_str()));
+    const HEADER header = lib::value_or_exit(com::readheader(cfg.headerfile));
     const std::string scattered = make_scattered(config, cfg, header.WIDTH * header.FILE_LENGTH,
                                                  s.folder + "-scattered", s.scatter, s.regenerate);
 

@@ -3,30 +3,30 @@
 // Stages run strictly one after another on this thread and meet through
 // files and through the run record: a stage that changes what later stages
 // see (dropping interferograms, switching to corrected copies) changes the
-// record it is handed by pointer. The driver keeps the few arrays that pass
-// between stages: the reference values (one per interferogram), the closure
-// mask (one per pixel), the baselines and the ordered dates.
+// record it is handed by pointer. The driver keeps what passes between
+// stages: the job's grid, the reference values (one per interferogram), the
+// closure mask (one per pixel), the baselines and the ordered dates.
 //
 // The network inversion is cut into batches of maxcap consecutive pixels
 // (batches may cut rows, see lib::for_each_batch), so only one batch of the
 // stack is in memory at a time.
+//
+// The first error a stage reports ends the sequence and goes back to the
+// entry point unchanged: nothing after it runs or prints.
 #include "app/driver.h"
 
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <vector>
 
+#include "app/job.h"
 #include "app/job_checks.h"
 #include "catalogue/baselines.h"
 #include "catalogue/dates.h"
 #include "catalogue/filelist.h"
-#include "catalogue/header.h"
 #include "catalogue/raster.h"
 #include "catalogue/stack.h"
-#include "config/cfg.h"
 #include "config/fatal.h"
 #include "filter/spatial.h"
 #include "filter/spatio_temporal.h"
@@ -42,29 +42,39 @@
 namespace sbas {
 namespace {
 
-// The stages after the inversion, in the order if_apply_filter asks for them.
-enum class Filter { spatial, temporal, spatio_temporal };
+// What the stages of a run hand on to each other.
+struct Run {
+    CFG cfg;
+    HEADER grid;
+    lib::Owned<float> reference_values;  // one per interferogram, list order
+    lib::Owned<float> closure_mask;      // one per pixel; 0 unless the check ran
+    lib::Owned<BASELINE> baselines;      // one per interferogram with if_est_hgt 1
+    std::vector<DATEORDER> dates;        // ascending
+};
 
-std::vector<Filter> filters_for(int if_apply_filter)
+bool reference_consumer(const CFG& cfg)
 {
-    switch (if_apply_filter) {
-    case 1: return {Filter::spatial};
-    case 2: return {Filter::temporal};
-    case 3: return {Filter::temporal, Filter::spatial};
-    case 4: return {Filter::spatial, Filter::temporal};
-    case 5: return {Filter::spatio_temporal};
-    default: return {};
-    }
+    return cfg.if_check_loop_closure == 1 || cfg.if_inverse_time_series == 1 || cfg.if_stacking == 1;
 }
 
-// Each filter works on its own copy of the record.
-void run_filter(Filter filter, CFG cfg)
+bool corrections_asked(const CFG& cfg) { return cfg.if_remove_eds == 1 || cfg.if_remove_orbit == 1; }
+
+// Before any stage writes: a thread count the machine can run, a list to work
+// on, and no output over an input.
+lib::Status check_job(CFG& cfg, const char* config_path)
 {
-    switch (filter) {
-    case Filter::spatial: spatial_filter(cfg); break;
-    case Filter::temporal: temporal_filter(cfg); break;
-    case Filter::spatio_temporal: spatial_temporal_filter(cfg); break;
-    }
+    cfg.max_parallel_threads = lib::usable_threads(cfg.max_parallel_threads);
+    SBAS_TRY(require_interferograms(cfg));
+    return refuse_outputs_over_inputs(cfg, config_path);
+}
+
+// The reference values of the interferograms as they now are; the stage may
+// choose the reference pixel and write it into the record.
+lib::Status compute_reference_values(Run& run)
+{
+    SBAS_TAKE(float* values, sbas_step1(&run.cfg, run.grid));
+    run.reference_values = lib::Owned<float>::adopt(values);
+    return {};
 }
 
 // Keeps the reference values of the interferograms that are still listed:
@@ -81,53 +91,92 @@ void keep_reference_values(const std::vector<std::string>& before, const std::ve
     }
 }
 
-// Step of the loop-closure check: runs the check unless an existing mask is
-// to be reused, then fills `mask` (pixel_count floats, zeroed) from
-// "phase_loop_closure_mask". The check may drop interferograms from the
-// record; the reference values follow the list.
-void loop_closure_stage(CFG* cfg, int64_t pixels, float* mask, float* reference_values)
+// Runs the check unless an existing mask is to be reused, then fills the
+// closure mask from "phase_loop_closure_mask". The check may drop
+// interferograms from the record; the reference values follow the list.
+lib::Status check_loop_closure(Run& run)
 {
-    const com::Path mask_path = com::join_path(cfg->resultfolder, "phase_loop_closure_mask");
-    const bool reuse = lib::opens_for_reading(mask_path.c_str()) && cfg->if_use_existing_phasemask != 0;
+    const com::Path mask_path = com::join_path(run.cfg.resultfolder, "phase_loop_closure_mask");
+    const bool reuse = lib::opens_for_reading(mask_path.c_str()) && run.cfg.if_use_existing_phasemask != 0;
     if (reuse) {
         std::fputs("Use existing phase closure mask\n", stderr);
     } else {
-        const std::vector<std::string> before = cfg->ifg_names;
-        quality::remove_ifg_by_loop_closure_with_reference(cfg, reference_values);
-        keep_reference_values(before, cfg->ifg_names, reference_values);
+        const std::vector<std::string> before = run.cfg.ifg_names;
+        SBAS_TRY(quality::remove_ifg_by_loop_closure_with_reference(&run.cfg, run.grid, run.reference_values.get()));
+        keep_reference_values(before, run.cfg.ifg_names, run.reference_values.get());
     }
     // A mask shorter than the grid is taken as it is: the rest stays 0.
-    FILE* file = lib::fopen_zq(mask_path.c_str(), "rb");
+    SBAS_TAKE(const lib::File file, lib::fopen_zq(mask_path.c_str(), "rb"));
+    const int64_t pixels = com::pixel_count(run.grid);
     if (pixels > 0) {
-        const size_t got = std::fread(mask, sizeof(float), static_cast<size_t>(pixels), file);
+        const size_t got = std::fread(run.closure_mask.get(), sizeof(float), static_cast<size_t>(pixels), file.get());
         (void)got;
     }
-    std::fclose(file);
+    return {};
 }
 
-// Step of the network inversion: every batch of maxcap pixels is loaded and
-// inverted before the next one is touched.
-void invert_in_batches(const CFG& cfg, const HEADER& header, const std::vector<DATEORDER>& dates,
-                       const BASELINE* baselines, const float* reference_values, const float* mask)
+// The corrections switch the run to their corrected copies; the
+// elevation-dependent one runs first. Later stages refer the corrected
+// interferograms to a reference chosen on them.
+lib::Status correct_interferograms(Run& run)
 {
+    if (run.cfg.if_remove_eds == 1) SBAS_TRY(quality::bach_removel_height_dependent(&run.cfg, run.grid));
+    if (run.cfg.if_remove_orbit == 1) SBAS_TRY(quality::bach_removel_orbit(&run.cfg, run.grid));
+    if (!reference_consumer(run.cfg)) return {};
+    std::fputs("\n*************Updating reference point values*************\n", stderr);
+    return compute_reference_values(run);
+}
+
+// Baselines (for the DEM-error term), the ordered dates, the origin of the
+// logarithmic model, and each interferogram's place among the dates.
+lib::Status order_the_network(Run& run)
+{
+    CFG& cfg = run.cfg;
+    // Any run of the inversion with the DEM-error term reads the baselines,
+    // so the inversion never indexes a placeholder.
+    if (cfg.if_inverse_time_series != 0 && cfg.if_est_hgt == 1) {
+        SBAS_TAKE(BASELINE* baselines, com::get_baselines(cfg));
+        run.baselines = lib::Owned<BASELINE>::adopt(baselines);
+    }
+    SBAS_TAKE(run.dates, com::getdateorder(cfg));
+    if (cfg.temporal_constraint == 2) {
+        if (!run.dates.empty() && run.dates.front().date <= cfg.simple_log_origin)
+            return lib::error(lib::Fault::setting, "simple_log_origin", lib::Stream::err,
+                              "simple_log_origin is should be earlier than the first observation date!\n");
+        SBAS_TAKE(cfg.simple_log_origin_mjd, lib::date2mjd(cfg.simple_log_origin));
+    }
+    SBAS_TRY(com::readdesignmatrixorder(&cfg, run.dates));
+    cfg.n_ifg = static_cast<int>(cfg.ifg_names.size());
+    cfg.n_date = static_cast<int>(run.dates.size());
+    return {};
+}
+
+// Every batch of maxcap pixels is loaded and inverted before the next one is
+// touched.
+lib::Status invert_in_batches(const Run& run)
+{
+    const CFG& cfg = run.cfg;
     std::fputs("\n*************Time series inversion start*****************\n", stderr);
-    const int64_t pixels = com::pixel_count(header);
-    const float total = lib::batch_total(header.WIDTH, header.FILE_LENGTH, cfg.maxcap);
+    const int64_t pixels = com::pixel_count(run.grid);
+    const float total = lib::batch_total(run.grid.WIDTH, run.grid.FILE_LENGTH, cfg.maxcap);
     const int rows = static_cast<int>(cfg.ifg_names.size());
-    lib::for_each_batch(pixels, cfg.maxcap, [&](const lib::Batch& batch) {
+    SBAS_TRY(lib::for_each_batch(pixels, cfg.maxcap, [&](const lib::Batch& batch) -> lib::Status {
         std::fprintf(stderr, "\n=> Inversing batch %d / %.0f\n", batch.number, total);
-        int* count = lib::need<int>(batch.end - batch.first);
-        float** stack = com::readallfile(cfg, batch.first, batch.end, reference_values, mask, count);
-        sbas_step2_sbas_linear_new(cfg, dates, baselines, stack, count, batch.first, batch.end);
+        const lib::Owned<int> count(batch.end - batch.first);
+        SBAS_TAKE(float** stack, com::readallfile(cfg, batch.first, batch.end, run.reference_values.get(),
+                                                  run.closure_mask.get(), count.get()));
+        const lib::Status inverted = sbas_step2_sbas_linear_new(cfg, run.dates, run.baselines.get(), stack,
+                                                                count.get(), batch.first, batch.end);
         lib::free2d_float(stack, rows);
-        std::free(count);
-    });
+        return inverted;
+    }));
     std::fputs("\n*************Time series inversion finish****************\n", stderr);
+    return {};
 }
 
 // Removes the corrected copies once the stages that read them are done. By
 // then datafolder is the result folder and the names carry the corrections'
-// suffixes, so only the copies go.
+// suffixes, so only the copies go. Removal errors are ignored.
 void delete_corrected_copies(const CFG& cfg)
 {
     for (const auto& name : cfg.ifg_names) {
@@ -136,87 +185,74 @@ void delete_corrected_copies(const CFG& cfg)
     }
 }
 
+// The filters work on the interferograms the loop-closure check kept, under
+// their list names, also when the list was left by an earlier run: the list
+// is read again from "filelist_used" when it is there.
+lib::Status reload_kept_list(Run& run)
+{
+    const com::Path used = com::join_path(run.cfg.resultfolder, "filelist_used");
+    if (!lib::opens_for_reading(used.c_str())) return {};
+    std::snprintf(run.cfg.filelist, sizeof run.cfg.filelist, "%s", used.c_str());
+    return com::readfilenamelist(&run.cfg, run.cfg.filelist);
+}
+
+// The filters chosen by if_apply_filter, each on its own copy of the record
+// and on the dates of the list as it now stands: 1 spatial, 2 temporal, 3
+// temporal then spatial, 4 spatial then temporal, 5 the 3-D filter; any
+// other value none.
+lib::Status apply_filters(const CFG& cfg, const HEADER& grid)
+{
+    const int choice = cfg.if_apply_filter;
+    if (choice < 1 || choice > 5) return {};
+    SBAS_TAKE(const std::vector<DATEORDER> dates, com::getdateorder(cfg));
+    switch (choice) {
+    case 1: return spatial_filter(cfg, grid, dates);
+    case 2: return temporal_filter(cfg, grid, dates);
+    case 3:
+        SBAS_TRY(temporal_filter(cfg, grid, dates));
+        return spatial_filter(cfg, grid, dates);
+    case 4:
+        SBAS_TRY(spatial_filter(cfg, grid, dates));
+        return temporal_filter(cfg, grid, dates);
+    default: return spatial_temporal_filter(cfg, grid, dates);
+    }
+}
+
 }  // namespace
 
-void sbas_allocate_area(const char* config_path)
+lib::Status sbas_allocate_area(const char* config_path)
 {
-    CFG cfg = lib::loadcfg(config_path);
-    // Before any stage writes: a thread count the machine can run, a list to
-    // work on, and no output over an input.
-    cfg.max_parallel_threads = lib::usable_threads(cfg.max_parallel_threads);
-    require_interferograms(cfg);
-    refuse_outputs_over_inputs(cfg, config_path);
-    const bool reference_consumer = cfg.if_check_loop_closure == 1 || cfg.if_inverse_time_series == 1 ||
-                                    cfg.if_stacking == 1;
+    SBAS_TAKE(JOB job, app::load_job(config_path));
+    Run run{std::move(job.cfg), job.header, {}, {}, {}, {}};
+    CFG& cfg = run.cfg;
+    SBAS_TRY(check_job(cfg, config_path));
 
-    // Reference values on the interferograms as given; the loop-closure
-    // check needs them. Zeros when nothing consumes them.
-    float* reference_values = lib::per_interferogram(cfg.ifg_names.size());
-    if (reference_consumer) {
-        std::free(reference_values);
-        reference_values = sbas_step1(&cfg);
-    }
+    // Reference values on the interferograms as given (the loop-closure
+    // check needs them); zeros when nothing consumes them.
+    run.reference_values = lib::Owned<float>::adopt(lib::per_interferogram(cfg.ifg_names.size()));
+    if (reference_consumer(cfg)) SBAS_TRY(compute_reference_values(run));
 
-    const HEADER header = com::readheader(cfg.headerfile);
-    const int64_t pixels = com::pixel_count(header);
-    float* mask = lib::need<float>(pixels);
-
-    if (cfg.if_check_loop_closure == 1) loop_closure_stage(&cfg, pixels, mask, reference_values);
+    run.closure_mask = lib::Owned<float>(com::pixel_count(run.grid));
+    if (cfg.if_check_loop_closure == 1) SBAS_TRY(check_loop_closure(run));
     // The check may have rejected every interferogram.
-    if (cfg.if_inverse_time_series != 0 || cfg.if_stacking == 1) require_interferograms(cfg);
+    if (cfg.if_inverse_time_series != 0 || cfg.if_stacking == 1) SBAS_TRY(require_interferograms(cfg));
 
-    // The corrections switch the run to their corrected copies; the
-    // elevation-dependent one runs first. Later stages refer the corrected
-    // interferograms to a reference chosen on them.
-    const bool corrections = cfg.if_remove_eds == 1 || cfg.if_remove_orbit == 1;
-    if (cfg.if_remove_eds == 1) quality::bach_removel_height_dependent(&cfg);
-    if (cfg.if_remove_orbit == 1) quality::bach_removel_orbit(&cfg);
-    if (corrections && reference_consumer) {
-        std::fputs("\n*************Updating reference point values*************\n", stderr);
-        std::free(reference_values);
-        reference_values = sbas_step1(&cfg);
-    }
+    if (corrections_asked(cfg)) SBAS_TRY(correct_interferograms(run));
+    SBAS_TRY(order_the_network(run));
 
-    // Baselines are only needed for the DEM-error term. Any run of the
-    // inversion with that term reads them, so the inversion never indexes a
-    // placeholder.
-    BASELINE* baselines = nullptr;
-    if (cfg.if_inverse_time_series != 0 && cfg.if_est_hgt == 1) baselines = com::get_baselines(cfg);
-
-    const std::vector<DATEORDER> dates = com::getdateorder(cfg);
-    if (cfg.temporal_constraint == 2) {
-        if (!dates.empty() && dates.front().date <= cfg.simple_log_origin)
-            lib::die("simple_log_origin is should be earlier than the first observation date!\n");
-        cfg.simple_log_origin_mjd = lib::date2mjd(cfg.simple_log_origin);
-    }
-    com::readdesignmatrixorder(&cfg, dates);
-    cfg.n_ifg = static_cast<int>(cfg.ifg_names.size());
-    cfg.n_date = static_cast<int>(dates.size());
-
-    if (cfg.if_stacking == 1) rstacking::start_rstacking(cfg, mask, reference_values);
-
+    if (cfg.if_stacking == 1)
+        SBAS_TRY(rstacking::start_rstacking(cfg, run.grid, run.closure_mask.get(), run.reference_values.get()));
     if (cfg.if_inverse_time_series != 0) {
         warn_physical_settings(cfg);
-        invert_in_batches(cfg, header, dates, baselines, reference_values, mask);
+        SBAS_TRY(invert_in_batches(run));
     }
 
-    if (corrections && cfg.if_keep_corrected_ifg == 0 &&
+    if (corrections_asked(cfg) && cfg.if_keep_corrected_ifg == 0 &&
         (cfg.if_inverse_time_series == 1 || cfg.if_stacking == 1))
         delete_corrected_copies(cfg);
 
-    std::free(mask);
-    std::free(baselines);
-    std::free(reference_values);
-
-    // The filters work on the interferograms the loop-closure check kept, under
-    // their list names, also when the list was left by an earlier run.
-    const com::Path used = com::join_path(cfg.resultfolder, "filelist_used");
-    if (lib::opens_for_reading(used.c_str())) {
-        std::snprintf(cfg.filelist, sizeof cfg.filelist, "%s", used.c_str());
-        com::readfilenamelist(&cfg, cfg.filelist);
-    }
-
-    for (Filter filter : filters_for(cfg.if_apply_filter)) run_filter(filter, cfg);
+    SBAS_TRY(reload_kept_list(run));
+    return apply_filters(cfg, run.grid);
 }
 
 }  // namespace sbas

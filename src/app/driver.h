@@ -1,12 +1,15 @@
 // The main sequence of a run.
 #pragma once
 
+#include "numerics/error.h"
+
 namespace sbas {
 
 // Loads the job from the configuration file at `config_path` and runs the
 // enabled stages one after another: reference values, loop-closure check,
 // corrections, date order, stacking, the network inversion in pixel batches
-// of maxcap pixels, and the filters chosen by if_apply_filter.
-void sbas_allocate_area(const char* config_path);
+// of maxcap pixels, and the filters chosen by if_apply_filter. Returns the
+// first error a stage reports, after which nothing else has run.
+lib::Status sbas_allocate_area(const char* config_path);
 
 }  // namespace sbas

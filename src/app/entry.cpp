@@ -3,9 +3,14 @@
 // path of a configuration file, run between the banner and the total
 // wall-clock time. The clock is read in whole seconds.
 //
-// A run whose memory runs out inside a container (a std::vector sized by the
-// input) ends with the same message as one whose block allocation fails,
-// through the new-handler installed here, never with an exception.
+// This is where a run ends. The error a stage reports comes back here; its
+// message is written to its stream and the run ends without "finish!", with
+// status 0 as scripts of long standing expect, or 1 when the configuration
+// path is preceded by --error-status (for workflow engines and batch
+// schedulers, which tell a failed job by its status). A run whose memory
+// runs out (numerics/sink.h) ends with the same choice of status; one inside
+// a container (a std::vector sized by the input) goes there through the
+// new-handler installed here, never through an exception.
 #include "app/entry.h"
 
 #include <cstdio>
@@ -16,6 +21,7 @@
 
 #include "app/banner.h"
 #include "app/driver.h"
+#include "numerics/error.h"
 #include "numerics/sink.h"
 
 namespace app {
@@ -23,6 +29,10 @@ namespace {
 
 const char kUsage[] =
     "usage: sbas-ts CONFIGURATION_FILE   run the job the file describes\n"
+    "       sbas-ts --error-status CONFIGURATION_FILE\n"
+    "                                    the same run; one that stops on an error ends\n"
+    "                                    with status 1 instead of 0 (use it under a\n"
+    "                                    workflow engine or a batch scheduler)\n"
     "       sbas-ts license              the licence notices\n"
     "       sbas-ts --help | --version\n"
     "\n"
@@ -35,22 +45,34 @@ const char kUsage[] =
     "                                                   the optional stages\n"
     "  maxcap, max_parallel_threads                     pixels per batch (memory), threads\n"
     "Progress and diagnostics go to standard error; a run ends with \"finish!\".\n"
+    "A run that stops on bad input writes one message and, without --error-status,\n"
+    "ends with status 0 like a finished one.\n"
     "Every key, input and output is described in README.md of the sbas-ts sources.\n";
 
 }  // namespace
 
 int run(int argc, char** argv)
 {
-    if (argc < 2 || !argv[1]) {
-        std::fputs(kUsage, stderr);
-        return 0;
+    int first = 1;
+    int failure = 0;
+    if (argc > 1 && argv[1] && std::strcmp(argv[1], "--error-status") == 0) {
+        first = 2;
+        failure = 1;
     }
+    if (argc <= first || !argv[first]) {
+        std::fputs(kUsage, stderr);
+        return failure;
+    }
+    lib::set_failure_status(failure);
     char argument[1000];
     // A cut path would name another file.
-    if (std::strlen(argv[1]) >= sizeof argument)
-        lib::die("the configuration path is longer than %zu characters, which is not supported\n",
-                 sizeof argument - 1);
-    std::snprintf(argument, sizeof argument, "%s", argv[1]);
+    if (std::strlen(argv[first]) >= sizeof argument) {
+        lib::write(lib::error(lib::Fault::setting, "", lib::Stream::err,
+                              "the configuration path is longer than %zu characters, which is not supported\n",
+                              sizeof argument - 1));
+        return failure;
+    }
+    std::snprintf(argument, sizeof argument, "%s", argv[first]);
     if (std::strcmp(argument, "license") == 0) {
         print_license();
         return 0;
@@ -66,7 +88,11 @@ int run(int argc, char** argv)
     std::set_new_handler([] { lib::out_of_memory(); });
     print_banner(stderr);
     const std::time_t started = std::time(nullptr);
-    sbas::sbas_allocate_area(argument);
+    const lib::Status ran = sbas::sbas_allocate_area(argument);
+    if (!ran.ok()) {
+        lib::write(ran.error());
+        return failure;
+    }
     const std::time_t finished = std::time(nullptr);
     std::fputs(format_total_time(std::difftime(finished, started)).c_str(), stderr);
     std::fputs("finish!\n", stderr);

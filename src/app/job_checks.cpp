@@ -22,12 +22,13 @@
 #include <cmath>
 #include <cstdio>
 #include <map>
+#include <optional>
 #include <utility>
 #include <vector>
 
 #include "catalogue/raster.h"
 #include "config/cfg.h"
-#include "numerics/sink.h"
+#include "numerics/error.h"
 
 namespace sbas {
 namespace {
@@ -99,7 +100,7 @@ void for_each_output(const CFG& cfg, const std::function<void(const std::string&
         }
 }
 
-void refuse_outputs_over_inputs(const CFG& cfg, const char* config_path)
+lib::Status refuse_outputs_over_inputs(const CFG& cfg, const char* config_path)
 {
     std::map<Identity, std::string> inputs;
     add_input(inputs, config_path);
@@ -112,19 +113,27 @@ void refuse_outputs_over_inputs(const CFG& cfg, const char* config_path)
     }
     for (const std::string& name : cfg.ifg_names) add_input(inputs, com::join_path(cfg.datafolder, name.c_str()).c_str());
 
+    std::optional<lib::Error> overlap;
     for_each_output(cfg, [&](const std::string& name) {
+        if (overlap) return;
         const com::Path output = com::join_path(cfg.resultfolder, name.c_str());
         struct stat st {};
         if (lstat(output.c_str(), &st) != 0) return;
         const auto input = inputs.find(Identity{st.st_dev, st.st_ino});
         if (input != inputs.end())
-            lib::die("output %s would overwrite the input %s\n", output.c_str(), input->second.c_str());
+            overlap = lib::error(lib::Fault::overlap, output.c_str(), lib::Stream::err,
+                                 "output %s would overwrite the input %s\n", output.c_str(), input->second.c_str());
     });
+    if (overlap) return std::move(*overlap);
+    return {};
 }
 
-void require_interferograms(const CFG& cfg)
+lib::Status require_interferograms(const CFG& cfg)
 {
-    if (cfg.ifg_names.empty()) lib::die("%s lists no interferogram: nothing to process\n", cfg.filelist);
+    if (cfg.ifg_names.empty())
+        return lib::error(lib::Fault::data, cfg.filelist, lib::Stream::err,
+                          "%s lists no interferogram: nothing to process\n", cfg.filelist);
+    return {};
 }
 
 void warn_physical_settings(const CFG& cfg)

@@ -6,6 +6,8 @@
 #include <functional>
 #include <string>
 
+#include "numerics/error.h"
+
 struct CFG;
 
 namespace sbas {
@@ -17,19 +19,18 @@ namespace sbas {
 // earlier), since the loop-closure check may drop the first date.
 void for_each_output(const CFG& cfg, const std::function<void(const std::string&)>& visit);
 
-// Ends the run (status 0) with "output %s would overwrite the input %s\n" on
-// standard error when an output path of for_each_output is one of the run's
+// Reports "output %s would overwrite the input %s\n" (standard error) when an output path of for_each_output is one of the run's
 // inputs: the configuration at `config_path`, the header, the list, each
 // interferogram, and the baselines and DEM files when a stage reads them.
 // Files are compared by device and inode, so another spelling of a path or
 // a hard link is caught. An output path is taken as it stands (outputs
 // replace a symbolic link rather than write through it); an input is both
 // the file it leads to and, when it is a link, the link itself.
-void refuse_outputs_over_inputs(const CFG& cfg, const char* config_path);
+lib::Status refuse_outputs_over_inputs(const CFG& cfg, const char* config_path);
 
-// Ends the run with "%s lists no interferogram: nothing to process\n"
-// (standard error, the list's path) when the record holds no interferogram.
-void require_interferograms(const CFG& cfg);
+// Reports "%s lists no interferogram: nothing to process\n" (standard
+// error, the list's path) when the record holds no interferogram.
+lib::Status require_interferograms(const CFG& cfg);
 
 // Writes one warning line on standard error for each setting of the
 // inversion that cannot give a number: temporal_strength when a temporal

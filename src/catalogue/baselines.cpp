@@ -37,24 +37,29 @@ struct FreeBlock {
 };
 using Block = std::unique_ptr<BASELINE, FreeBlock>;
 
+lib::Error missing_baseline(const CFG& cfg, const BASELINE& wanted)
+{
+    return lib::error(lib::Fault::format, cfg.baselines, lib::Stream::err, "baseline for %d-%d not found\n",
+                      wanted.date1, wanted.date2);
+}
+
 }  // namespace
 
-BASELINE* get_baselines(const CFG& cfg)
+lib::Result<BASELINE*> get_baselines(const CFG& cfg)
 {
-    const lib::File file(lib::fopen_zq(cfg.baselines, "r"));
+    SBAS_TAKE(const lib::File file, lib::fopen_zq(cfg.baselines, "r"));
 
     size_t lines = 0;
-    lib::for_each_line(file.get(), cfg.baselines, true, [&](char*) { ++lines; });
+    SBAS_TRY(lib::for_each_line(file.get(), cfg.baselines, true, [&](char*) { ++lines; }));
 
     // One spare record keeps an empty file from looking like a failed
-    // allocation. Both blocks are released should a stop unwind the stack
-    // (a fuzz harness's ending); a run ends in the sink instead.
+    // allocation. Both blocks are released on every way out.
     const Block table_block(lib::need<BASELINE>(static_cast<int64_t>(lines) + 1));
     BASELINE* table = table_block.get();
 
     std::rewind(file.get());
     size_t rows = 0;
-    lib::for_each_line(file.get(), cfg.baselines, true, [&](char* line) {
+    SBAS_TRY(lib::for_each_line(file.get(), cfg.baselines, true, [&](char* line) {
         if (rows == lines) return;  // the file grew between the two passes
         char field[lib::kFieldBytes];
         lib::substr(field, line, 1);
@@ -63,7 +68,7 @@ BASELINE* get_baselines(const CFG& cfg)
         record.date2 = phsfilename2date(field, 2);
         lib::substr(field, line, 2);
         record.bperp = static_cast<float>(lib::double_prefix(field));
-    });
+    }));
 
     // Never null: an empty interferogram list gives a block with no records
     // in use, released like any other.
@@ -79,10 +84,9 @@ BASELINE* get_baselines(const CFG& cfg)
         wanted.bperp = kNoBaseline;
         size_t k = 0;
         while (k < rows && !(table[k].date1 == wanted.date1 && table[k].date2 == wanted.date2)) ++k;
-        if (k == rows) lib::die("baseline for %d-%d not found\n", wanted.date1, wanted.date2);
+        if (k == rows) return missing_baseline(cfg, wanted);
         wanted.bperp = table[k].bperp;
-        if (!(std::isfinite(wanted.bperp) && wanted.bperp >= kLowestBaseline))
-            lib::die("baseline for %d-%d not found\n", wanted.date1, wanted.date2);
+        if (!(std::isfinite(wanted.bperp) && wanted.bperp >= kLowestBaseline)) return missing_baseline(cfg, wanted);
     }
     return result_block.release();
 }

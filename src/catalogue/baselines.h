@@ -4,6 +4,8 @@
 
 #include <cstdint>
 
+#include "numerics/error.h"
+
 struct CFG;
 
 // The perpendicular baseline of one interferogram.
@@ -18,8 +20,8 @@ namespace com {
 // One BASELINE per entry of cfg.ifg_names, in list order, from the file named
 // by cfg.baselines. The caller releases the block with std::free; it is
 // never null, also for an empty list. A pair without a line, or with a
-// baseline below -99999 or not finite, ends the run with "baseline for %d-%d not found\n"
+// baseline below -99999 or not finite, is reported as "baseline for %d-%d not found\n"
 // on standard error.
-BASELINE* get_baselines(const CFG& cfg);
+lib::Result<BASELINE*> get_baselines(const CFG& cfg);
 
 }  // namespace com

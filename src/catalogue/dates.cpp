@@ -26,11 +26,10 @@
 
 #include "catalogue/filelist.h"
 #include "config/cfg.h"
-#include "config/fatal.h"
 
 namespace com {
 
-std::vector<DATEORDER> getdateorder(const CFG& cfg)
+lib::Result<std::vector<DATEORDER>> getdateorder(const CFG& cfg)
 {
     std::vector<int64_t> dates;
     auto keep = [&dates](int64_t date) {
@@ -44,8 +43,10 @@ std::vector<DATEORDER> getdateorder(const CFG& cfg)
 
     std::vector<DATEORDER> order;
     order.reserve(dates.size());
-    for (size_t k = 0; k < dates.size(); ++k)
-        order.push_back(DATEORDER{dates[k], static_cast<int64_t>(k), lib::date2mjd(dates[k])});
+    for (size_t k = 0; k < dates.size(); ++k) {
+        SBAS_TAKE(const double mjd, lib::date2mjd(dates[k]));
+        order.push_back(DATEORDER{dates[k], static_cast<int64_t>(k), mjd});
+    }
     return order;
 }
 
@@ -56,10 +57,11 @@ int findorder(std::vector<DATEORDER> dateorder, int64_t date)
     return -1;
 }
 
-void readdesignmatrixorder(CFG* cfg, std::vector<DATEORDER> dateorder)
+lib::Status readdesignmatrixorder(CFG* cfg, std::vector<DATEORDER> dateorder)
 {
     const size_t n = cfg->ifg_names.size();
-    if (cfg->ifg_date1.size() != n || cfg->ifg_date2.size() != n) lib::die("ERROR: filelist format error!\n");
+    if (cfg->ifg_date1.size() != n || cfg->ifg_date2.size() != n)
+        return lib::error(lib::Fault::format, cfg->filelist, lib::Stream::err, "ERROR: filelist format error!\n");
     std::vector<int> first;
     std::vector<int> second;
     first.reserve(n);
@@ -70,6 +72,7 @@ void readdesignmatrixorder(CFG* cfg, std::vector<DATEORDER> dateorder)
     }
     cfg->ifg_date1_index = std::move(first);
     cfg->ifg_date2_index = std::move(second);
+    return {};
 }
 
 }  // namespace com
@@ -93,9 +96,14 @@ constexpr double kJ2000 = 2451545.0;           // Julian Day of 2000-01-01 12:00
 constexpr double kSecondsPerDay = 86400.0;
 constexpr double kJ2000SecondLimit = 3.1557168e9;  // 36524.5 days either side of J2000
 
+Error out_of_range(const char* date, const char* message)
+{
+    return error(Fault::format, date, Stream::out, "%s", message);
+}
+
 }  // namespace
 
-double date2mjd(int64_t date)
+Result<double> date2mjd(int64_t date)
 {
     // The digits are taken by position from the printed number, so the date
     // is read exactly as a person reads yyyymmdd. A buffer of 24 bytes holds
@@ -106,11 +114,11 @@ double date2mjd(int64_t date)
     const long month = cut_number(text, 4, 2);
     const long day = cut_number(text, 6, 2);
 
-    if (year < 1900 || year > 2100) die_stdout("ERROR: Year out of range\n");
+    if (year < 1900 || year > 2100) return out_of_range(text, "ERROR: Year out of range\n");
     static const int kMonthDays[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-    if (month < 1 || month > 12) die_stdout("ERROR: Month out of range\n");
+    if (month < 1 || month > 12) return out_of_range(text, "ERROR: Month out of range\n");
     const long month_days = kMonthDays[month - 1] + (month == 2 && leap_year(year) ? 1 : 0);
-    if (day < 1 || day > month_days) die_stdout("ERROR: Day out of range\n");
+    if (day < 1 || day > month_days) return out_of_range(text, "ERROR: Day out of range\n");
 
     double jd;
     if (month >= 3)
@@ -120,11 +128,11 @@ double date2mjd(int64_t date)
     return static_cast<double>(static_cast<float>(jd) - 2400000.5f);
 }
 
-int64_t mjd2date(double mjd)
+Result<int64_t> mjd2date(double mjd)
 {
     const double second = (mjd + 2400000.5 - kJ2000) * kSecondsPerDay;
     // Written so that NaN is refused as well.
-    if (!(std::fabs(second) <= kJ2000SecondLimit)) die_stdout("ERROR: j2000 second out of range\n");
+    if (!(std::fabs(second) <= kJ2000SecondLimit)) return out_of_range("", "ERROR: j2000 second out of range\n");
     const double jd = kJ2000 + second / kSecondsPerDay;
 
     // Whole Julian Day number of the civil day (days start at midnight, JDs

@@ -61,26 +61,28 @@ int phsfilename2date(const char* name, int which)
     return 0;
 }
 
-void readfilenamelist(CFG* cfg, const char* path)
+lib::Status readfilenamelist(CFG* cfg, const char* path)
 {
     std::vector<std::string> names;
     std::vector<int> date1;
     std::vector<int> date2;
-    const lib::File file(lib::fopen_zq(path, "r"));
-    lib::for_each_line(file.get(), path, true, [&](char* line, long number) {
+    SBAS_TAKE(const lib::File file, lib::fopen_zq(path, "r"));
+    SBAS_TRY(lib::for_each_line(file.get(), path, true, [&](char* line, long number) -> lib::Status {
         char name[lib::kFieldBytes];
-        if (lib::substr(name, line, 1) >= lib::kFieldBytes) lib::refuse_long_field(path, number);
+        if (lib::substr(name, line, 1) >= lib::kFieldBytes) return lib::long_field(path, number);
         names.emplace_back(name);
         const int first = phsfilename2date(name, 1);
-        if (first == 0) lib::die("%s format error\n", name);
+        if (first == 0) return lib::error(lib::Fault::format, name, lib::Stream::err, "%s format error\n", name);
         date1.push_back(first);
         const int second = phsfilename2date(name, 2);
-        if (second == 0) lib::die("%s format error\n", name);
+        if (second == 0) return lib::error(lib::Fault::format, name, lib::Stream::err, "%s format error\n", name);
         date2.push_back(second);
-    });
+        return {};
+    }));
     cfg->ifg_names = std::move(names);
     cfg->ifg_date1 = std::move(date1);
     cfg->ifg_date2 = std::move(date2);
+    return {};
 }
 
 }  // namespace com

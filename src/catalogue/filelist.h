@@ -2,6 +2,8 @@
 // two acquisition dates as eight-digit yyyymmdd groups.
 #pragma once
 
+#include "numerics/error.h"
+
 struct CFG;
 
 namespace com {
@@ -13,8 +15,9 @@ int phsfilename2date(const char* name, int which);
 
 // Replaces the record's ifg_names, ifg_date1 and ifg_date2 with the list at
 // `path`; nothing else changes. A line without two dates, blank lines
-// included (also a blank last line), ends the run with "%s format error\n";
-// a name longer than 199 characters ends it with lib::refuse_long_field.
-void readfilenamelist(CFG* cfg, const char* path);
+// included (also a blank last line), is reported as "%s format error\n"; a
+// name longer than 199 characters with lib::long_field. On an error the
+// record is left as it was.
+lib::Status readfilenamelist(CFG* cfg, const char* path);
 
 }  // namespace com

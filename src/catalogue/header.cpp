@@ -21,11 +21,11 @@ const lib::Key<HEADER> kKeys[] = {
 
 }  // namespace
 
-HEADER readheader(const char* path)
+lib::Result<HEADER> readheader(const char* path)
 {
     HEADER header;
-    const lib::File file(lib::fopen_zq(path, "r"));
-    lib::read_keyed(file.get(), path, kKeys, header);
+    SBAS_TAKE(const lib::File file, lib::fopen_zq(path, "r"));
+    SBAS_TRY(lib::read_keyed(file.get(), path, kKeys, header));
     return header;
 }
 

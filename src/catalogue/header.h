@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "numerics/error.h"
+
 struct HEADER {
     int64_t WIDTH = 0;        // columns (samples per row)
     int64_t FILE_LENGTH = 0;  // rows
@@ -22,8 +24,8 @@ namespace com {
 
 // Reads the header file at `path` (keys WIDTH, FILE_LENGTH, X_FIRST, Y_FIRST,
 // X_STEP, Y_STEP; other lines ignored; a missing key stays 0). Sizes are not
-// range-checked. Ends the run when the file is missing.
-HEADER readheader(const char* path);
+// range-checked. A missing file is reported (lib::not_found).
+lib::Result<HEADER> readheader(const char* path);
 
 // Pixels of the grid, WIDTH x FILE_LENGTH; a header with a size below 1
 // describes no grid (0), even when both sizes are negative.

@@ -21,7 +21,7 @@ Path join_path(const char* folder, const char* name)
     return path;
 }
 
-void read_samples(FILE* stream, const char* path, int64_t first, int64_t count, float* out)
+lib::Status read_samples(FILE* stream, const char* path, int64_t first, int64_t count, float* out)
 {
     if (count < 0) count = 0;
     size_t got = 0;
@@ -30,17 +30,18 @@ void read_samples(FILE* stream, const char* path, int64_t first, int64_t count, 
     (void)got;
     const long position = std::ftell(stream);
     if (position != 4 * (first + count))
-        lib::die("%s file size wrong %d\n", path, static_cast<int>(position));
+        return lib::error(lib::Fault::size, path, lib::Stream::err, "%s file size wrong %d\n", path,
+                          static_cast<int>(position));
+    return {};
 }
 
-void read_raster(const char* path, int64_t first, int64_t count, float* out)
+lib::Status read_raster(const char* path, int64_t first, int64_t count, float* out)
 {
-    FILE* stream = lib::fopen_zq(path, "rb");
-    read_samples(stream, path, first, count, out);
-    std::fclose(stream);
+    SBAS_TAKE(const lib::File stream, lib::fopen_zq(path, "rb"));
+    return read_samples(stream.get(), path, first, count, out);
 }
 
-FILE* open_output(const char* path, const char* mode)
+lib::Result<lib::File> open_output(const char* path, const char* mode)
 {
     const bool append = mode[0] == 'a';
     // O_NONBLOCK: a named pipe without a reader would hold the open for ever;
@@ -53,35 +54,41 @@ FILE* open_output(const char* path, const char* mode)
     if (fd < 0 && errno == ELOOP && !append && unlink(path) == 0) fd = open(path, flags, 0666);
     struct stat st {};
     if (fd < 0 && (errno == ENXIO || errno == EISDIR) && lstat(path, &st) == 0)
-        lib::refuse_not_regular(path, st.st_mode);
+        return lib::not_regular(path, st.st_mode);
     if (fd >= 0 && (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))) {
         close(fd);
-        lib::refuse_not_regular(path, st.st_mode);
+        return lib::not_regular(path, st.st_mode);
     }
     FILE* stream =
         fd >= 0 && fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK) == 0 ? fdopen(fd, mode) : nullptr;
-    if (stream) return stream;
+    if (stream) return lib::File(stream);
     if (fd >= 0) close(fd);
-    lib::stop_not_found(path);
+    return lib::not_found(path);
 }
 
 const char* batch_mode(int64_t batch_first) { return batch_first == 0 ? "wb" : "ab"; }
 
-void write_samples(const char* path, const char* mode, const float* samples, int64_t count)
+lib::Error write_error(const char* path)
 {
-    FILE* stream = open_output(path, mode);
-    size_t written = 0;
-    if (count > 0) written = std::fwrite(samples, sizeof(float), static_cast<size_t>(count), stream);
-    // A full disk must not leave a silently shortened result behind.
-    if (std::fclose(stream) != 0 || static_cast<int64_t>(written) != (count > 0 ? count : 0))
-        lib::die("%s could not be written\n", path);
+    return lib::error(lib::Fault::write, path, lib::Stream::err, "%s could not be written\n", path);
 }
 
-void write_batch(const char* folder, const char* name, int64_t batch_first, const float* samples,
-                 int64_t count)
+lib::Status write_samples(const char* path, const char* mode, const float* samples, int64_t count)
+{
+    SBAS_TAKE(lib::File stream, open_output(path, mode));
+    size_t written = 0;
+    if (count > 0) written = std::fwrite(samples, sizeof(float), static_cast<size_t>(count), stream.get());
+    // A full disk must not leave a silently shortened result behind.
+    if (std::fclose(stream.release()) != 0 || static_cast<int64_t>(written) != (count > 0 ? count : 0))
+        return write_error(path);
+    return {};
+}
+
+lib::Status write_batch(const char* folder, const char* name, int64_t batch_first, const float* samples,
+                        int64_t count)
 {
     const Path path = join_path(folder, name);
-    write_samples(path.c_str(), batch_mode(batch_first), samples, count);
+    return write_samples(path.c_str(), batch_mode(batch_first), samples, count);
 }
 
 }  // namespace com

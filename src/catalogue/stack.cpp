@@ -28,17 +28,16 @@
 namespace com {
 namespace {
 
-void read_referenced_row(const CFG& cfg, int64_t k, int64_t start, int64_t width, float reference,
-                         const float* mask, float* row)
+lib::Status read_referenced_row(const CFG& cfg, int64_t k, int64_t start, int64_t width, float reference,
+                                const float* mask, float* row)
 {
     const Path path = join_path(cfg.datafolder, cfg.ifg_names[static_cast<size_t>(k)].c_str());
-    FILE* stream = lib::fopen_zq(path.c_str(), "rb");
-    read_samples(stream, path.c_str(), start, width, row);
-    std::fclose(stream);
+    SBAS_TRY(read_raster(path.c_str(), start, width, row));
     for (int64_t j = 0; j < width; ++j) {
         const bool keep = lib::isvalid(row[j]) && (!mask || mask[start + j] < 0.5);
         row[j] = keep ? row[j] - reference : 0.0f;
     }
+    return {};
 }
 
 // Counts the valid interferograms of pixels [first, end) of the batch and
@@ -56,38 +55,49 @@ void count_and_drop(float** stack, int64_t n, int64_t first, int64_t end, float 
     }
 }
 
-float** load(const CFG& cfg, int64_t start, int64_t end, const float* reference_values, const float* mask,
-             int* count)
+lib::Result<float**> load(const CFG& cfg, int64_t start, int64_t end, const float* reference_values,
+                          const float* mask, int* count)
 {
     const int64_t n = static_cast<int64_t>(cfg.ifg_names.size());
     const int64_t width = end > start ? end - start : 0;
     float** stack = lib::need_rows(n, width);
+    lib::FirstError failure;
 
 #pragma omp parallel num_threads(lib::region_threads(cfg.max_parallel_threads))
     {
         const int threads = omp_get_num_threads();
         const int thread = omp_get_thread_num();
         const lib::Block files = lib::block_of(n, threads, thread);
-        for (int64_t k = files.first; k < files.end; ++k)
-            read_referenced_row(cfg, k, start, width, reference_values[k], mask, stack[k]);
+        for (int64_t k = files.first; k < files.end && !failure.past(k); ++k) {
+            lib::Status read = read_referenced_row(cfg, k, start, width, reference_values[k], mask, stack[k]);
+            if (!read.ok()) {
+                failure.record(k, std::move(read).error());
+                break;
+            }
+        }
         if (count) {
 #pragma omp barrier
             const lib::Block pixels = lib::block_of(width, threads, thread);
             count_and_drop(stack, n, pixels.first, pixels.end, cfg.minimum_temporal_ifg_ratio, count);
         }
     }
+    lib::Status loaded = failure.status();
+    if (!loaded.ok()) {
+        lib::free2d_float(stack, static_cast<int>(n));
+        return std::move(loaded).error();
+    }
     return stack;
 }
 
 }  // namespace
 
-float** readallfile(const CFG& cfg, int64_t start, int64_t end, const float* reference_values,
+lib::Result<float**> readallfile(const CFG& cfg, int64_t start, int64_t end, const float* reference_values,
                     const float* closure_mask, int* count)
 {
     return load(cfg, start, end, reference_values, closure_mask, count);
 }
 
-float** readallfile_nomask(const CFG& cfg, int64_t start, int64_t end, const float* reference_values)
+lib::Result<float**> readallfile_nomask(const CFG& cfg, int64_t start, int64_t end, const float* reference_values)
 {
     return load(cfg, start, end, reference_values, nullptr, nullptr);
 }

@@ -10,6 +10,7 @@
 #include <cstdint>
 
 #include "config/cfg.h"
+#include "numerics/error.h"
 
 namespace com {
 
@@ -22,12 +23,13 @@ namespace com {
 // interferograms valid at pixel j; pixels observed by fewer than
 // minimum_temporal_ifg_ratio of the interferograms are zeroed and get count 0.
 // The caller frees the stack with lib::free2d_float. A missing or short file
-// ends the run.
-float** readallfile(const CFG& cfg, int64_t start, int64_t end, const float* reference_values,
+// is reported: the error of the first such interferogram in list order,
+// whatever the thread count.
+lib::Result<float**> readallfile(const CFG& cfg, int64_t start, int64_t end, const float* reference_values,
                     const float* closure_mask, int* count);
 
 // The same reading and referencing without the mask, the count and the ratio
 // test (for the loop-closure check).
-float** readallfile_nomask(const CFG& cfg, int64_t start, int64_t end, const float* reference_values);
+lib::Result<float**> readallfile_nomask(const CFG& cfg, int64_t start, int64_t end, const float* reference_values);
 
 }  // namespace com

@@ -5,7 +5,8 @@
 // the line's second field takes the key's place and the comparison goes on
 // down the list, so a value that is itself a later key name sets that key
 // too (`resultfolder headerfile` sets both resultfolder and headerfile to
-// "headerfile"). The contract fixes that rule; tests/config/cfg_test.cpp pins it.
+// "headerfile"). The rule is kept on purpose: users' files rely on it, and
+// tests/config/cfg_test.cpp pins it.
 //
 // Conversions follow the member type: paths take the field as it stands,
 // integers its decimal prefix, floats its floating-point prefix read as a
@@ -14,15 +15,9 @@
 // "1e1" gives 10 for them and 1 elsewhere.
 #include "config/cfg.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <climits>
-#include <cmath>
 #include <cstring>
 
-#include "catalogue/filelist.h"
-#include "catalogue/header.h"
 #include "config/fatal.h"
 #include "config/text.h"
 
@@ -87,29 +82,9 @@ const Key<CFG> kKeys[] = {
     {"if_use_existing_phasemask", &CFG::if_use_existing_phasemask},
 };
 
-void read_settings(CFG& cfg, const char* path)
+Error unsupported(const char* key, int value, const char* choices)
 {
-    const File file(fopen_zq(path, "r"));
-    read_keyed(file.get(), path, kKeys, cfg);
-}
-
-// The data and result folders must exist, and be folders: a file of that
-// name would only fail later, on the first raster opened or written in it.
-void require_folder(const char* key, const char* path)
-{
-    if (access(path, F_OK) != 0) die_stdout("%s %s not exist\n", key, path);
-    struct stat st {};
-    if (stat(path, &st) != 0 || !S_ISDIR(st.st_mode)) die("%s %s is not a folder\n", key, path);
-}
-
-// Pixel index of a coordinate, rounded half away from zero. A degenerate
-// grid step gives no finite index; the pixel is then placed off the grid
-// (-1), where the reference stage reports it as out of coverage.
-int64_t pixel_of(double coordinate, double first, double step)
-{
-    const double index = std::round((coordinate - first) / step);
-    if (!std::isfinite(index) || std::fabs(index) > 9.0e18) return -1;
-    return static_cast<int64_t>(index);
+    return error(Fault::setting, key, Stream::err, "%s %d is not supported: use %s\n", key, value, choices);
 }
 
 }  // namespace
@@ -163,32 +138,23 @@ void cfg_init(CFG* cfg)
     cfg->if_use_existing_phasemask = 1;
 }
 
-CFG loadcfg(const char* path)
+Result<CFG> read_settings(const char* path)
 {
     CFG cfg;
     cfg_init(&cfg);
     cfg.ref_lat = -9999;
     cfg.ref_lon = -9999;
-    read_settings(cfg, path);
+    SBAS_TAKE(const File file, fopen_zq(path, "r"));
+    SBAS_TRY(read_keyed(file.get(), path, kKeys, cfg));
 
     // The inversion knows no other models; say so now rather than write
     // meaningless maps at the end of a long run.
     if (cfg.if_inverse_time_series != 0) {
         if (cfg.temporal_constraint < 0 || cfg.temporal_constraint > 2)
-            die("temporal_constraint %d is not supported: use 0 (none), 1 (linear) or 2 (logarithmic)\n",
-                cfg.temporal_constraint);
-        if (cfg.if_est_hgt != 0 && cfg.if_est_hgt != 1)
-            die("if_est_hgt %d is not supported: use 0 or 1\n", cfg.if_est_hgt);
+            return unsupported("temporal_constraint", cfg.temporal_constraint,
+                               "0 (none), 1 (linear) or 2 (logarithmic)");
+        if (cfg.if_est_hgt != 0 && cfg.if_est_hgt != 1) return unsupported("if_est_hgt", cfg.if_est_hgt, "0 or 1");
     }
-
-    const HEADER header = com::readheader(cfg.headerfile);
-    if (cfg.ref_lat >= -90 && cfg.ref_lat <= 90 && cfg.ref_lon >= -180 && cfg.ref_lon <= 180) {
-        cfg.ref_row = pixel_of(cfg.ref_lat, header.Y_FIRST, header.Y_STEP);
-        cfg.ref_col = pixel_of(cfg.ref_lon, header.X_FIRST, header.X_STEP);
-    }
-    require_folder("datafolder", cfg.datafolder);
-    require_folder("resultfolder", cfg.resultfolder);
-    com::readfilenamelist(&cfg, cfg.filelist);
     return cfg;
 }
 

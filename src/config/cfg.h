@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "config/text.h"
+#include "numerics/error.h"
 
 struct CFG {
     int masterdate = 0;            // a date yyyymmdd
@@ -84,11 +85,11 @@ namespace lib {
 // become 0); touches no path and no list.
 void cfg_init(CFG* cfg);
 
-// Builds the run record from the configuration file at `path`: defaults,
-// then the file's settings, the reference pixel placed from ref_lat/ref_lon
-// through the raster header, the existence of the data and result folders,
-// and the interferogram list. Ends the run (status 0) with a message on a
-// missing file or folder.
-CFG loadcfg(const char* path);
+// The settings of the configuration file at `path` over the defaults, with
+// ref_lat and ref_lon at -9999 (not given) unless the file sets them. A
+// temporal_constraint or if_est_hgt the inversion cannot use is reported
+// when the inversion runs. Reads nothing but the file: the whole job (header,
+// reference pixel, folders, list) is loaded by lib::loadcfg (app/job.h).
+Result<CFG> read_settings(const char* path);
 
 }  // namespace lib

@@ -1,6 +1,6 @@
-// The missing-file stop: the path and "not found" without a line feed, then
-// "file not exit" on a line of its own, all on standard output, written as
-// one message so that a second failing thread cannot interleave.
+// The missing-file message: the path and "not found" without a line feed,
+// then "file not exit" on a line of its own, all on standard output, as one
+// message.
 //
 // Inputs are opened without waiting (O_NONBLOCK) and their type is taken
 // from the open descriptor, so what is checked is what is read: a named
@@ -32,24 +32,24 @@ const char* kind_of(mode_t mode)
 
 }  // namespace
 
-FILE* fopen_zq(const char* path, const char* mode)
+Result<File> fopen_zq(const char* path, const char* mode)
 {
     if (!read_only(mode)) {
         FILE* f = std::fopen(path, mode);
-        if (f) return f;
-        stop_not_found(path);
+        if (f) return File(f);
+        return not_found(path);
     }
     const int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) stop_not_found(path);
+    if (fd < 0) return not_found(path);
     struct stat st {};
     if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
         close(fd);
-        refuse_not_regular(path, st.st_mode);
+        return not_regular(path, st.st_mode);
     }
     FILE* f = fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK) == 0 ? fdopen(fd, mode) : nullptr;
-    if (f) return f;
+    if (f) return File(f);
     close(fd);
-    stop_not_found(path);
+    return not_found(path);
 }
 
 bool opens_for_reading(const char* path)
@@ -60,13 +60,16 @@ bool opens_for_reading(const char* path)
     return true;
 }
 
-void stop_not_found(const char* path) { die_stdout("%s not found\nfile not exit\n", path); }
-
-void refuse_not_regular(const char* path, mode_t mode)
+Error not_found(const char* path)
 {
-    die("%s is a %s, not a regular file\n", path, kind_of(mode));
+    return error(Fault::missing, path, Stream::out, "%s not found\nfile not exit\n", path);
 }
 
-void exit_zq(const char* message) { die_stdout("%s\n", message); }
+Error not_regular(const char* path, mode_t mode)
+{
+    return error(Fault::not_regular, path, Stream::err, "%s is a %s, not a regular file\n", path, kind_of(mode));
+}
+
+Error exit_zq(const char* message) { return error(Fault::data, "", Stream::out, "%s\n", message); }
 
 }  // namespace lib

@@ -11,7 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "numerics/sink.h"
+#include "numerics/error.h"
 
 namespace lib {
 namespace {
@@ -46,12 +46,16 @@ size_t substr(char* out, const char* line, int n)
     return length;
 }
 
-void refuse_long_field(const char* path, long line)
+Error long_field(const char* path, long line)
 {
-    die("%s line %ld: a field longer than 199 characters is not supported\n", path, line);
+    return error(Fault::format, path, Stream::err, "%s line %ld: a field longer than 199 characters is not supported\n",
+                 path, line);
 }
 
-void stop_read_error(const char* path) { die("%s could not be read: %s\n", path, std::strerror(errno)); }
+Error read_error(const char* path)
+{
+    return error(Fault::read, path, Stream::err, "%s could not be read: %s\n", path, std::strerror(errno));
+}
 
 int32_t int_prefix(const char* field)
 {

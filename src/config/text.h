@@ -13,6 +13,8 @@
 #include <type_traits>
 #include <variant>
 
+#include "numerics/error.h"
+
 namespace lib {
 
 inline constexpr int kPathBytes = 1000;  // every path of a job, NUL-terminated
@@ -30,14 +32,14 @@ void strtruc(char* line);
 // it cannot hold.
 size_t substr(char* out, const char* line, int n);
 
-// Ends the run with "%s line %ld: a field longer than 199 characters is not
-// supported\n" (standard error): a name or path cut to 199 characters would
-// silently be another one.
-[[noreturn]] void refuse_long_field(const char* path, long line);
+// "%s line %ld: a field longer than 199 characters is not supported\n"
+// (standard error): a name or path cut to 199 characters would silently be
+// another one.
+Error long_field(const char* path, long line);
 
-// Ends the run with "%s could not be read: <reason>\n" (standard error), for
-// a read that failed: a failed read is never taken for the end of a file.
-[[noreturn]] void stop_read_error(const char* path);
+// "%s could not be read: <reason>\n" (standard error), for a read that
+// failed: a failed read is never taken for the end of a file.
+Error read_error(const char* path);
 
 // `field` converted the way every integer setting is read:
 // the decimal integer prefix (leading blanks and a sign allowed, no digits
@@ -57,25 +59,38 @@ double double_prefix(const char* field);
 //
 // With stop_at_empty_read the buffer's first character is cleared before each
 // read and an empty buffer ends the loop, so each line is handled once (the
-// interferogram list and baselines readers). A read error ends the run with
-// stop_read_error, naming `path`.
+// interferogram list and baselines readers). A read error is reported with
+// read_error, naming `path`. A handler may return a Status: its first error
+// ends the loop and is returned.
 template <typename Handle>
-void for_each_line(FILE* stream, const char* path, bool stop_at_empty_read, Handle handle)
+Status for_each_line(FILE* stream, const char* path, bool stop_at_empty_read, Handle handle)
 {
     char line[kLineBytes] = {};
     long number = 0;
     bool line_start = true;
     while (!std::feof(stream)) {
         if (stop_at_empty_read) line[0] = '\0';
-        if (!std::fgets(line, kLineBytes, stream) && std::ferror(stream)) stop_read_error(path);
+        if (!std::fgets(line, kLineBytes, stream) && std::ferror(stream)) return read_error(path);
         if (stop_at_empty_read && line[0] == '\0') break;
         if (line_start) ++number;
         line_start = std::strchr(line, '\n') != nullptr;
-        if constexpr (std::is_invocable_v<Handle&, char*, long>)
-            handle(line, number);
-        else
-            handle(line);
+        if constexpr (std::is_invocable_v<Handle&, char*, long>) {
+            if constexpr (std::is_same_v<std::invoke_result_t<Handle&, char*, long>, Status>) {
+                Status handled = handle(line, number);
+                if (!handled.ok()) return handled;
+            } else {
+                handle(line, number);
+            }
+        } else {
+            if constexpr (std::is_same_v<std::invoke_result_t<Handle&, char*>, Status>) {
+                Status handled = handle(line);
+                if (!handled.ok()) return handled;
+            } else {
+                handle(line);
+            }
+        }
     }
+    return {};
 }
 
 // A key of a key/value file and the member of `Record` it sets.
@@ -132,22 +147,22 @@ void store_key(Record& record, const KeyMember<Record>& member, const char* valu
 // line's second field is stored and takes the key's place for the rest of
 // that line's comparisons, so a value that is itself a later key's name sets
 // that key too. Other lines are ignored; a later line wins. A value longer
-// than a field holds ends the run (refuse_long_field), naming `path` and the
-// line.
+// than a field holds is reported (long_field), naming `path` and the line.
 template <typename Record, size_t N>
-void read_keyed(FILE* stream, const char* path, const Key<Record> (&keys)[N], Record& record)
+Status read_keyed(FILE* stream, const char* path, const Key<Record> (&keys)[N], Record& record)
 {
-    for_each_line(stream, path, false, [&](char* line, long number) {
+    return for_each_line(stream, path, false, [&](char* line, long number) -> Status {
         strtruc(line);
         char key[kFieldBytes];
         char value[kFieldBytes];
         substr(key, line, 1);
         for (const Key<Record>& k : keys) {
             if (std::strcmp(key, k.name) != 0) continue;
-            if (substr(value, line, 2) >= kFieldBytes) refuse_long_field(path, number);
+            if (substr(value, line, 2) >= kFieldBytes) return long_field(path, number);
             std::strcpy(key, value);
             store_key(record, k.member, value);
         }
+        return {};
     });
 }
 

@@ -48,24 +48,23 @@ MapFiles map_files(int if_apply_filter)
 }
 
 // Filters folder/name to folder/name.filtered when the input exists.
-void filter_velocity(const CFG& cfg, const char* name, const char* line)
+lib::Status filter_velocity(const CFG& cfg, const HEADER& header, const char* name, const char* line)
 {
     const com::Path input = com::join_path(cfg.resultfolder, name);
-    if (!lib::opens_for_reading(input.c_str())) return;
+    if (!lib::opens_for_reading(input.c_str())) return {};
     const com::Path output = com::join_path(cfg.resultfolder, (std::string(name) + ".filtered").c_str());
     std::fputs(line, stderr);
-    com::spatial_filter(cfg, input.c_str(), output.c_str());
+    return com::spatial_filter(cfg, header, input.c_str(), output.c_str());
 }
 
 }  // namespace
 
-void spatial_filter(CFG cfg)
+lib::Status spatial_filter(CFG cfg, const HEADER& header, const std::vector<DATEORDER>& dates)
 {
-    const std::vector<DATEORDER> dates = com::getdateorder(cfg);
-    com::readheader(cfg.headerfile);
     std::fputs("\n***********Time series spatial filter start**************\n", stderr);
     if (cfg.if_apply_filter < 1 || cfg.if_apply_filter > 5)
-        lib::die("illegal parameters if_apply_filter = %d\n", cfg.if_apply_filter);
+        return lib::error(lib::Fault::setting, "if_apply_filter", lib::Stream::err,
+                          "illegal parameters if_apply_filter = %d\n", cfg.if_apply_filter);
 
     const MapFiles files = map_files(cfg.if_apply_filter);
     for (size_t k = 1; files.input && k < dates.size(); ++k) {
@@ -74,33 +73,34 @@ void spatial_filter(CFG cfg)
         const com::Path output = com::map_path(cfg, dates, k, files.output);
         std::fprintf(stderr, "spatially fitering culmap-%d-%d.disp\n", static_cast<int>(dates[k].date),
                      static_cast<int>(dates[0].date));
-        com::spatial_filter(cfg, input.c_str(), output.c_str());
+        SBAS_TRY(com::spatial_filter(cfg, header, input.c_str(), output.c_str()));
     }
-    filter_velocity(cfg, "linear_mean_velocity", "spatially fitering linear_mean_velocity\n");
-    filter_velocity(cfg, "linear_stacking_mean_velocity", "spatially fitering linear_stacking_mean_velocity\n");
+    SBAS_TRY(filter_velocity(cfg, header, "linear_mean_velocity", "spatially fitering linear_mean_velocity\n"));
+    SBAS_TRY(filter_velocity(cfg, header, "linear_stacking_mean_velocity",
+                             "spatially fitering linear_stacking_mean_velocity\n"));
     std::fputs("\n***********Time series spatial filter finish*************\n", stderr);
+    return {};
 }
 
 }  // namespace sbas
 
 namespace com {
 
-void spatial_filter(const CFG& cfg, const char* input, const char* output)
+lib::Status spatial_filter(const CFG& cfg, const HEADER& header, const char* input, const char* output)
 {
-    const HEADER header = readheader(cfg.headerfile);
     const int64_t pixels = pixel_count(header);
-    float* data = lib::need<float>(pixels);
+    const lib::Owned<float> raster(pixels);
+    float* data = raster.get();
     // The whole raster with the size check: a short file stops the run
     // rather than leaving part of the buffer unread.
-    read_raster(input, 0, pixels, data);
+    SBAS_TRY(read_raster(input, 0, pixels, data));
     for (int64_t i = 0; i < pixels; ++i)
         if (!lib::isvalid(data[i])) data[i] = 0.0f;
 
     double sigma = cfg.spatial_filter_sigma;
     if (sigma < 0) sigma = static_cast<double>(header.WIDTH + header.FILE_LENGTH) * 0.3 * 0.5;
     if (pixels > 0) fftw_filter_2d(header.FILE_LENGTH, header.WIDTH, data, sigma, sigma, 1);
-    write_samples(output, "wb", data, pixels);
-    std::free(data);
+    return write_samples(output, "wb", data, pixels);
 }
 
 int fftw_filter_2d(int64_t rows, int64_t cols, float* data, double sigma_rows, double sigma_cols, int /*flag*/)

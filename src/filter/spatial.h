@@ -5,7 +5,12 @@
 
 #include <cstdint>
 
+#include <vector>
+
+#include "catalogue/dates.h"
+#include "catalogue/header.h"
 #include "config/cfg.h"
+#include "numerics/error.h"
 
 namespace sbas {
 
@@ -20,7 +25,7 @@ namespace sbas {
 // ".filtered" files. Missing inputs are skipped without a word. A value
 // outside 1..5 ends the run with "illegal parameters if_apply_filter = %d\n"
 // after the start banner.
-void spatial_filter(CFG cfg);
+lib::Status spatial_filter(CFG cfg, const HEADER& header, const std::vector<DATEORDER>& dates);
 
 }  // namespace sbas
 
@@ -30,7 +35,7 @@ namespace com {
 // sets its no-data samples to 0, filters it with fftw_filter_2d and writes
 // it to `output` (mode "wb"; may be `input`). Sigma is spatial_filter_sigma
 // in frequency bins, or (WIDTH + FILE_LENGTH) * 0.3 * 0.5 when negative.
-void spatial_filter(const CFG& cfg, const char* input, const char* output);
+lib::Status spatial_filter(const CFG& cfg, const HEADER& header, const char* input, const char* output);
 
 // Filters `data` (rows x cols float32, row-major) in place with the
 // Gaussian gain exp(-(r - R/2)^2 / (2 sigma_rows^2) - (c - K/2)^2 /

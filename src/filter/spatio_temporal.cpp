@@ -32,10 +32,8 @@
 
 namespace sbas {
 
-void spatial_temporal_filter(CFG cfg)
+lib::Status spatial_temporal_filter(CFG cfg, const HEADER& header, const std::vector<DATEORDER>& dates)
 {
-    const std::vector<DATEORDER> dates = com::getdateorder(cfg);
-    const HEADER header = com::readheader(cfg.headerfile);
     const int64_t date_count = static_cast<int64_t>(dates.size());
     const int64_t maps = date_count > 1 ? date_count - 1 : 0;
 
@@ -53,20 +51,21 @@ void spatial_temporal_filter(CFG cfg)
 
     const int64_t pixels = com::pixel_count(header);
     if (maps > 0 && pixels > std::numeric_limits<int64_t>::max() / maps) lib::out_of_memory();
-    float* block = lib::need<float>(maps * pixels);
+    const lib::Owned<float> cube(maps * pixels);
+    float* block = cube.get();
     for (int64_t k = 0; k < maps; ++k) {
         float* map = block + k * pixels;
-        com::read_raster(com::map_path(cfg, dates, static_cast<size_t>(k + 1), "").c_str(), 0, pixels, map);
+        SBAS_TRY(com::read_raster(com::map_path(cfg, dates, static_cast<size_t>(k + 1), "").c_str(), 0, pixels, map));
         for (int64_t i = 0; i < pixels; ++i)
             if (!lib::isvalid(map[i])) map[i] = 0.0f;
     }
     if (maps > 0 && pixels > 0)
         com::spatial_temporal_3d_filter2(maps, header.FILE_LENGTH, header.WIDTH, block, sigma_t, sigma_s, sigma_s);
     for (int64_t k = 0; k < maps; ++k)
-        com::write_samples(com::map_path(cfg, dates, static_cast<size_t>(k + 1), ".filtered").c_str(), "wb",
-                           block + k * pixels, pixels);
-    std::free(block);
+        SBAS_TRY(com::write_samples(com::map_path(cfg, dates, static_cast<size_t>(k + 1), ".filtered").c_str(), "wb",
+                                    block + k * pixels, pixels));
     std::fputs("\n*************Time series 3D filter finish****************\n", stderr);
+    return {};
 }
 
 }  // namespace sbas

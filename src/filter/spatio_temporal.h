@@ -4,7 +4,12 @@
 
 #include <cstdint>
 
+#include <vector>
+
+#include "catalogue/dates.h"
+#include "catalogue/header.h"
 #include "config/cfg.h"
+#include "numerics/error.h"
 
 namespace sbas {
 
@@ -16,7 +21,7 @@ namespace sbas {
 // 0.3 * 0.5 when negative. Memory: the block (maps x pixels floats) and two
 // complex double arrays of about twice that many samples. A missing or short
 // map ends the run.
-void spatial_temporal_filter(CFG cfg);
+lib::Status spatial_temporal_filter(CFG cfg, const HEADER& header, const std::vector<DATEORDER>& dates);
 
 }  // namespace sbas
 

@@ -31,11 +31,9 @@
 #include "numerics/validity.h"
 
 namespace sbas {
-void temporal_filter(CFG cfg)
+lib::Status temporal_filter(CFG cfg, const HEADER& header, const std::vector<DATEORDER>& dates)
 {
-    const std::vector<DATEORDER> dates = com::getdateorder(cfg);
     const int64_t maps = dates.size() > 1 ? static_cast<int64_t>(dates.size()) - 1 : 0;
-    const HEADER header = com::readheader(cfg.headerfile);
     double sigma = cfg.temporal_filter_sigma;
     if (sigma < 0) sigma = com::mean_date_spacing(dates);
     std::fputs("\n**********Time series temporal filter start**************\n", stderr);
@@ -47,9 +45,9 @@ void temporal_filter(CFG cfg)
     std::vector<double> series(static_cast<size_t>(maps));
     std::vector<float> filtered(static_cast<size_t>(maps));
 
-    lib::for_each_batch(pixels, cfg.maxcap, [&](const lib::Batch& batch) {
+    const lib::Status filtered_all = lib::for_each_batch(pixels, cfg.maxcap, [&](const lib::Batch& batch) -> lib::Status {
         std::fprintf(stderr, "\n=> Filtering batch %d / %.0f\n", batch.number, total);
-        float** history = com::readreftimeseries(cfg, dates, batch.first, batch.end);
+        SBAS_TAKE(float** history, com::readreftimeseries(cfg, dates, batch.first, batch.end));
         std::fprintf(stderr, "Number of dispalcement maps     : %d\n", static_cast<int>(maps));
         std::fprintf(stderr, "Guassian kernal sigma           : %.2f days\n", sigma);
         const int64_t count = batch.end - batch.first;
@@ -58,34 +56,43 @@ void temporal_filter(CFG cfg)
             com::filter_series(filter, series.data(), filtered.data());
             for (int64_t k = 0; k < maps; ++k) history[k][j] = filtered[k];
         }
-        for (int64_t k = 0; k < maps; ++k) {
+        lib::Status written;
+        for (int64_t k = 0; k < maps && written.ok(); ++k) {
             const com::Path output = com::map_path(cfg, dates, static_cast<size_t>(k + 1), ".filtered");
-            com::write_samples(output.c_str(), com::batch_mode(batch.first), history[k], count);
+            written = com::write_samples(output.c_str(), com::batch_mode(batch.first), history[k], count);
         }
         lib::free2d_float(history, static_cast<int>(maps));
+        return written;
     });
     if (maps > 0) com::destroy_series_filter(filter);
+    SBAS_TRY(filtered_all);
 
     // The spatially filtered maps were only the way in; they go once read.
     if (cfg.if_apply_filter == 4)
         for (size_t k = 1; k < dates.size(); ++k) std::remove(com::map_path(cfg, dates, k, ".sfilter").c_str());
     std::fputs("\n***********Time series temporal filter finish************\n", stderr);
+    return {};
 }
 
 }  // namespace sbas
 
 namespace com {
 
-float** readreftimeseries(const CFG& cfg, const std::vector<DATEORDER>& dates, int64_t start, int64_t end)
+lib::Result<float**> readreftimeseries(const CFG& cfg, const std::vector<DATEORDER>& dates, int64_t start,
+                                       int64_t end)
 {
-    if (dates.size() < 2) return nullptr;
+    if (dates.size() < 2) return static_cast<float**>(nullptr);
     const int64_t maps = static_cast<int64_t>(dates.size()) - 1;
     const int64_t count = end - start;
     float** history = lib::need_rows(maps, count);
     const char* suffix = cfg.if_apply_filter == 4 ? ".sfilter" : "";
     for (int64_t k = 0; k < maps; ++k) {
         const Path input = map_path(cfg, dates, static_cast<size_t>(k + 1), suffix);
-        read_raster(input.c_str(), start, count, history[k]);
+        const lib::Status read = read_raster(input.c_str(), start, count, history[k]);
+        if (!read.ok()) {
+            lib::free2d_float(history, static_cast<int>(maps));
+            return read.error();
+        }
         for (int64_t j = 0; j < count; ++j)
             if (!lib::isvalid(history[k][j])) history[k][j] = 0.0f;
     }

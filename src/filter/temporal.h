@@ -8,7 +8,12 @@
 #include <vector>
 
 #include "catalogue/dates.h"
+#include <vector>
+
+#include "catalogue/dates.h"
+#include "catalogue/header.h"
 #include "config/cfg.h"
+#include "numerics/error.h"
 #include "filter/shared.h"
 
 namespace sbas {
@@ -19,7 +24,7 @@ namespace sbas {
 // culmap-D-F.disp.filtered. Sigma is temporal_filter_sigma in frequency bins,
 // or the mean date spacing in days when negative. A missing or short map
 // ends the run.
-void temporal_filter(CFG cfg);
+lib::Status temporal_filter(CFG cfg, const HEADER& header, const std::vector<DATEORDER>& dates);
 
 }  // namespace sbas
 
@@ -30,7 +35,8 @@ namespace com {
 // floats (lib::free2d_float), row k holding map k + 1, no-data samples set
 // to 0. A missing or short map ends the run. Null when there are fewer than
 // two dates.
-float** readreftimeseries(const CFG& cfg, const std::vector<DATEORDER>& dates, int64_t start, int64_t end);
+lib::Result<float**> readreftimeseries(const CFG& cfg, const std::vector<DATEORDER>& dates, int64_t start,
+                                       int64_t end);
 
 // The filter of series of n samples (n >= 1) with one sigma, planned once and
 // applied to any number of series: the series is padded by repeating its

@@ -10,6 +10,7 @@
 #include "catalogue/baselines.h"
 #include "catalogue/dates.h"
 #include "config/cfg.h"
+#include "numerics/error.h"
 
 namespace sbas {
 
@@ -22,8 +23,8 @@ namespace sbas {
 // per interferogram when if_est_hgt is 1 and is not read otherwise. Pixels with
 // fewer observations than unknowns are 0 in every output. cfg.n_ifg must be
 // the number of names of cfg.ifg_names.
-void sbas_step2_sbas_linear_new(CFG cfg, std::vector<DATEORDER> dateorder, const BASELINE* baselines,
-                                float** stack, const int* count, int64_t start, int64_t end);
+lib::Status sbas_step2_sbas_linear_new(CFG cfg, std::vector<DATEORDER> dateorder, const BASELINE* baselines,
+                                       float** stack, const int* count, int64_t start, int64_t end);
 
 // What one or more batches of the inversion did, for the benchmark: pixel
 // and pattern counts, and the seconds spent in each stage, summed over the
@@ -38,24 +39,7 @@ struct InversionProfile {
 
 // sbas_step2_sbas_linear_new, adding to *profile when it is not null
 // (measuring costs a little time).
-void invert_batch(const CFG& cfg, const std::vector<DATEORDER>& dateorder, const BASELINE* baselines,
-                  float* const* stack, const int* count, int64_t start, int64_t end, InversionProfile* profile);
+lib::Status invert_batch(const CFG& cfg, const std::vector<DATEORDER>& dateorder, const BASELINE* baselines,
+                         float* const* stack, const int* count, int64_t start, int64_t end, InversionProfile* profile);
 
 }  // namespace sbas
-
-namespace com {
-
-// Builds the reduced system of one pixel into storage the caller has zeroed:
-// one row per interferogram valid at `pixel`, in list order and at most as
-// many as the rows leave before the constraint rows (y = the sample, ones
-// over the increments it spans, Bperp*K in the last column when if_est_hgt is
-// set, weight 1), then D - 1 constraint rows when temporal_constraint is 1 or
-// 2 (weight 1/sqrt(temporal_strength)). A is rows x M with leading dimension
-// rows. The weights are diagonal and are given as their diagonal: w holds
-// rows entries, not a rows x rows matrix. K is the DEM-error coefficient.
-// Every pixel with the same valid interferograms gets the same A and w.
-void readoneunwseries3(const CFG& cfg, float* const* stack, const int* count, int64_t M,
-                       const std::vector<DATEORDER>& dateorder, const BASELINE* baselines, int64_t pixel,
-                       double K, double* y, double* A, double* w, int64_t rows);
-
-}  // namespace com

@@ -81,6 +81,20 @@ public:
     }
     T* get() const { return data_; }
     T& operator[](int64_t i) const { return data_[i]; }
+    // Takes charge of a block of the helpers above (std::free).
+    static Owned adopt(T* block)
+    {
+        Owned owned;
+        owned.data_ = block;
+        return owned;
+    }
+    // Hands the block to the caller, who frees it.
+    T* release()
+    {
+        T* held = data_;
+        data_ = nullptr;
+        return held;
+    }
 
 private:
     T* data_ = nullptr;

@@ -20,7 +20,9 @@
 #include <cstdint>
 #include <cstdio>
 
-#include "numerics/sink.h"
+#include <type_traits>
+
+#include "numerics/error.h"
 
 namespace lib {
 
@@ -81,16 +83,22 @@ inline float batch_total(int64_t width, int64_t length, int64_t maxcap)
 // [0, pixels), in order: the first is [0, min(maxcap, pixels)), each next one
 // moves both bounds by maxcap and cuts the end at `pixels`, and the last is
 // the one that ends at `pixels`. A grid without pixels still has one (empty)
-// batch. A maxcap below 1 would never get through the grid: the run stops.
+// batch. A maxcap below 1 would never get through the grid: it is reported
+// before any batch. `visit` may return a Status; its first error ends the
+// walk and is returned.
 template <typename Visit>
-void for_each_batch(int64_t pixels, int64_t maxcap, Visit visit)
+Status for_each_batch(int64_t pixels, int64_t maxcap, Visit visit)
 {
     if (maxcap < 1)
-        die("maxcap must be a positive number of pixels (it is %lld)\n", static_cast<long long>(maxcap));
+        return error(Fault::setting, "maxcap", Stream::err, "maxcap must be a positive number of pixels (it is %lld)\n",
+                     static_cast<long long>(maxcap));
     Batch batch{0, std::min(maxcap, pixels), 1};
     for (;;) {
-        visit(static_cast<const Batch&>(batch));
-        if (batch.end >= pixels) return;
+        if constexpr (std::is_same_v<std::invoke_result_t<Visit&, const Batch&>, Status>)
+            SBAS_TRY(visit(static_cast<const Batch&>(batch)));
+        else
+            visit(static_cast<const Batch&>(batch));
+        if (batch.end >= pixels) return {};
         batch.first += maxcap;
         batch.end = std::min(batch.end + maxcap, pixels);
         ++batch.number;

@@ -1,12 +1,13 @@
-// Ending a run from any thread. A worker inside an OpenMP region may hit a
-// fatal input error while its siblings still read files, so the sink takes a
+// Ending a run from any thread when memory runs out. A worker inside an
+// OpenMP region may fail while its siblings still work, so the sink takes a
 // lock it never releases (later failures wait for the process to end),
 // erases a progress line that may stand on a terminal, flushes every stdio
 // stream, and leaves with _Exit so that no static destructor runs under a
-// live thread. A fuzz harness may take the ending over (set_run_end).
+// live thread.
 #include "numerics/sink.h"
 
-#include <cstdarg>
+#include <atomic>
+#include <cstdio>
 #include <cstdlib>
 #include <mutex>
 
@@ -16,6 +17,7 @@ namespace lib {
 namespace {
 
 RunEnd run_end = nullptr;  // a harness's way out; none in a run
+std::atomic<int> status_on_failure{0};
 
 std::recursive_mutex& sink_lock()
 {
@@ -23,49 +25,23 @@ std::recursive_mutex& sink_lock()
     return lock;
 }
 
-void enter_sink()
+}  // namespace
+
+void out_of_memory()
 {
     sink_lock().lock();
     progress_clear();
-}
-
-[[noreturn]] void end_run()
-{
+    std::fputs("Could not allocate memory!\n", stderr);
     std::fflush(nullptr);
     if (run_end) {
         sink_lock().unlock();
         run_end();
     }
-    std::_Exit(0);
+    std::_Exit(status_on_failure.load());
 }
 
-void write_message(FILE* stream, const char* format, va_list args)
-{
-    enter_sink();
-    std::vfprintf(stream, format, args);
-}
-
-}  // namespace
-
-void die(const char* format, ...)
-{
-    va_list args;
-    va_start(args, format);
-    write_message(stderr, format, args);
-    va_end(args);
-    end_run();
-}
-
-void die_stdout(const char* format, ...)
-{
-    va_list args;
-    va_start(args, format);
-    write_message(stdout, format, args);
-    va_end(args);
-    end_run();
-}
-
-void out_of_memory() { die("Could not allocate memory!\n"); }
+void set_failure_status(int status) { status_on_failure.store(status); }
+int failure_status() { return status_on_failure.load(); }
 
 void set_run_end(RunEnd end) { run_end = end; }
 

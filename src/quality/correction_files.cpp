@@ -15,18 +15,17 @@
 
 namespace quality {
 
-float* correction_mask(const CFG& cfg, const HEADER& grid)
+lib::Result<lib::Owned<float>> correction_mask(const CFG& cfg, const HEADER& grid)
 {
     const int64_t pixels = com::pixel_count(grid);
-    float* mask = lib::need<float>(pixels);
+    lib::Owned<float> mask(pixels);
     if (cfg.if_check_loop_closure != 1) return mask;
     const com::Path path = com::join_path(cfg.resultfolder, "phase_loop_closure_mask");
-    FILE* file = lib::fopen_zq(path.c_str(), "rb");
+    SBAS_TAKE(const lib::File file, lib::fopen_zq(path.c_str(), "rb"));
     if (pixels > 0) {
-        const size_t got = std::fread(mask, sizeof(float), static_cast<size_t>(pixels), file);
+        const size_t got = std::fread(mask.get(), sizeof(float), static_cast<size_t>(pixels), file.get());
         (void)got;
     }
-    std::fclose(file);
     return mask;
 }
 

@@ -10,6 +10,8 @@
 
 #include "catalogue/header.h"
 #include "config/cfg.h"
+#include "numerics/arrays.h"
+#include "numerics/error.h"
 
 // One block's straight line phase = a + b * height, and the block's centre.
 // A block without a usable fit has a = b = NaN.
@@ -27,23 +29,24 @@ namespace quality {
 // is 1, then every interferogram corrected in parallel into resultfolder
 // under name ".remove_hgt". Appends ".remove_hgt" to every list entry (also
 // when an existing copy is reused, see if_use_existing_corrected_ifg) and sets
-// datafolder to resultfolder. Ends the run on a missing file, a short
-// interferogram, or an eds_block_size below 1.
-void bach_removel_height_dependent(CFG* cfg);
+// datafolder to resultfolder. Reports a missing file, a short
+// interferogram (the first in list order), or an eds_block_size below 1.
+// `grid` is the job's grid.
+lib::Status bach_removel_height_dependent(CFG* cfg, const HEADER& grid);
 
 // The orbital correction of a run (if_remove_orbit): the closure mask, banner,
 // then every interferogram corrected in parallel into resultfolder under
 // name ".remove_orbit". Appends ".remove_orbit" to every list entry and sets
 // datafolder to resultfolder. With if_remove_eds 1 the ".remove_hgt" copy it
-// read is deleted afterwards. Ends the run on a missing file, a short
-// interferogram, or an orbit_quad_fit_sampling below 1.
-void bach_removel_orbit(CFG* cfg);
+// read is deleted afterwards. Reports a missing file, a short interferogram
+// (the first in list order), or an orbit_quad_fit_sampling below 1.
+lib::Status bach_removel_orbit(CFG* cfg, const HEADER& grid);
 
 // The closure mask as the corrections use it: pixel_count(grid) floats read
 // from "phase_loop_closure_mask" in resultfolder when if_check_loop_closure is
 // 1 (no size check: the rest of a shorter file stays 0), zeros otherwise.
-// Caller frees (std::free); null for a grid without pixels.
-float* correction_mask(const CFG& cfg, const HEADER& grid);
+// Null for a grid without pixels.
+lib::Result<lib::Owned<float>> correction_mask(const CFG& cfg, const HEADER& grid);
 
 }  // namespace quality
 
@@ -75,11 +78,11 @@ int64_t block_count(const HEADER& block_grid);
 // cap could never be reached).
 int64_t eds_sample_cap(const HEADER& grid, const HEADER& block_grid);
 
-// The height raster (km, pixel_count(grid) floats, caller frees): every DEM
-// sample of demfile (read without a size check, described by
-// demfile_header) put at its nearest grid pixel, later samples over earlier
-// ones; 0 where no sample lands. Null for a grid without pixels.
-float* resample_dem(const CFG& cfg, const HEADER& grid);
+// The height raster (km, pixel_count(grid) floats): every DEM sample of
+// demfile (read without a size check, described by demfile_header) put at
+// its nearest grid pixel, later samples over earlier ones; 0 where no sample
+// lands. Null for a grid without pixels. A missing file is reported.
+lib::Result<lib::Owned<float>> resample_dem(const CFG& cfg, const HEADER& grid);
 
 // Fits every block of `block_grid` (block_count records into `blocks`) on
 // the pixels of the block whose phase and height are both data, at most
@@ -126,15 +129,15 @@ void subtract_elevation_signal(const HEADER& grid, const HEADER& block_grid, con
 // Corrects one interferogram for the elevation-dependent signal: reads `in`
 // (with the size check), sets pixels whose mask is above 0.5 to NaN, fits
 // the blocks and subtracts the interpolated lines; writes `out`. height and
-// mask hold one float per pixel of the grid of cfg.headerfile.
-void remove_heigh_dependent(CFG cfg, HEADER block_grid, const char* in, const char* out, const float* height,
-                            const float* mask);
+// mask hold one float per pixel of `grid`, the job's grid.
+lib::Status remove_heigh_dependent(CFG cfg, const HEADER& grid, HEADER block_grid, const char* in, const char* out,
+                                   const float* height, const float* mask);
 
 // Corrects one interferogram for an orbital ramp: reads `in` (with the size
 // check), sets pixels whose mask is above 0.5 to NaN, fits
 // c0 + c1 x + c2 y + c3 x y + c4 x^2 + c5 y^2 (x column, y row) to the valid
 // pixels of every orbit_quad_fit_sampling-th row and column and writes
 // value - fit for valid pixels, 0 elsewhere, to `out`.
-void remove_orbit(CFG cfg, const char* in, const char* out, const float* mask);
+lib::Status remove_orbit(CFG cfg, const HEADER& grid, const char* in, const char* out, const float* mask);
 
 }  // namespace com

@@ -29,8 +29,8 @@
 // float, in the order std, failed ratio, mask. An under-looped pixel of a run
 // that allows them takes the scratch value as it stands: the mask value of
 // the pixel before it, or for pixel 0 the failed ratio of the last pixel.
-// The contract fixes this carry-over; LoopClosure.UnderLoopedPixelsCarryTheScratchValue
-// pins it.
+// The carry-over is kept on purpose (earlier runs' masks have it);
+// LoopClosure.UnderLoopedPixelsCarryTheScratchValue pins it.
 #include "quality/loop_closure.h"
 
 #include <algorithm>
@@ -74,9 +74,12 @@ constexpr int64_t kChunkPixels = 1 << 16;
 constexpr float kNoLoopThreshold = 6.28f;
 constexpr double kNoLoopStd = 9999.0;
 
-[[noreturn]] void loop_format_error() { lib::die_stdout("file format error, cannot form loop closure"); }
+lib::Error loop_format_error()
+{
+    return lib::error(lib::Fault::format, "", lib::Stream::out, "file format error, cannot form loop closure");
+}
 
-std::vector<LOOPORDER> find_loops(const CFG& cfg)
+lib::Result<std::vector<LOOPORDER>> find_loops(const CFG& cfg)
 {
     const int64_t n = static_cast<int64_t>(cfg.ifg_names.size());
     std::vector<int64_t> first(static_cast<size_t>(n));
@@ -100,14 +103,14 @@ std::vector<LOOPORDER> find_loops(const CFG& cfg)
             if (k == n) continue;
             // Two dates only (a pair listed twice, or a one-date name) cannot
             // make a triangle: that is a broken list too.
-            if (dates < 3) loop_format_error();
+            if (dates < 3) return loop_format_error();
             LOOPORDER loop{set[0], set[1], set[2], -1, -1, -1};
             for (const int64_t m : {i, j, k}) {
                 if (first[m] == loop.date0 && second[m] == loop.date1) loop.ifg01 = m;
                 if (first[m] == loop.date0 && second[m] == loop.date2) loop.ifg02 = m;
                 if (first[m] == loop.date1 && second[m] == loop.date2) loop.ifg12 = m;
             }
-            if (loop.ifg01 < 0 || loop.ifg02 < 0 || loop.ifg12 < 0) loop_format_error();
+            if (loop.ifg01 < 0 || loop.ifg02 < 0 || loop.ifg12 < 0) return loop_format_error();
             loops.push_back(loop);
         }
     }
@@ -173,8 +176,8 @@ void add_loops(const LOOPORDER* loops, float* const* batch, int64_t width, float
     for (size_t g = 0; g < count; ++g) moments[g] = loop_moments[g];
 }
 
-// The contract's progress lines for loop l of n, erasing the indicator's
-// line before each.
+// The progress lines users' logs hold for loop l of n ("  Progress  20%"),
+// erasing the indicator's line before each.
 void print_progress_lines(size_t l, size_t n, const std::array<long, 4>& marks)
 {
     const auto line = [](const char* text) {
@@ -193,24 +196,25 @@ void print_progress_lines(size_t l, size_t n, const std::array<long, 4>& marks)
 // Writes folder "/" name with value(p) for every pixel p, a chunk at a time,
 // passing each value through `scratch` as it goes.
 template <typename Value>
-void write_pixels(const char* folder, const char* name, int64_t pixels, float& scratch, Value value)
+lib::Status write_pixels(const char* folder, const char* name, int64_t pixels, float& scratch, Value value)
 {
     std::vector<float> chunk(static_cast<size_t>(std::min(pixels, kChunkPixels)));
-    lib::for_each_batch(pixels, kChunkPixels, [&](const lib::Batch& part) {
+    return lib::for_each_batch(pixels, kChunkPixels, [&](const lib::Batch& part) {
         for (int64_t p = part.first; p < part.end; ++p) {
             value(p, scratch);
             chunk[static_cast<size_t>(p - part.first)] = scratch;
         }
-        com::write_batch(folder, name, part.first, chunk.data(), part.end - part.first);
+        return com::write_batch(folder, name, part.first, chunk.data(), part.end - part.first);
     });
 }
 
-// Closes a text output; a failed write (a full disk) ends the run rather
-// than leave a shortened list behind.
-void close_text(FILE* stream, const char* path)
+// Closes a text output; a failed write (a full disk) is reported rather than
+// leave a shortened list behind.
+lib::Status close_text(lib::File& stream, const char* path)
 {
-    const bool failed = std::ferror(stream) != 0;
-    if (std::fclose(stream) != 0 || failed) lib::die("%s could not be written\n", path);
+    const bool failed = std::ferror(stream.get()) != 0;
+    if (std::fclose(stream.release()) != 0 || failed) return com::write_error(path);
+    return {};
 }
 
 // What an automatic threshold is made of: the running mean and the standard
@@ -226,28 +230,28 @@ Spread spread(const lib::RunningMoments& moments)
     return {moments.mean, std::sqrt(moments.variance), moments.count > 0.5};
 }
 
-}  // namespace
+// What the pass over the pixels gathers: per pixel, per loop and, once the
+// loops are summed up, per interferogram.
+struct Closures {
+    lib::Owned<PixelClosure> pixels;
+    lib::Owned<lib::RunningMoments> loops;
+    lib::Owned<IfgClosure> ifgs;
+};
 
-void remove_ifg_by_loop_closure_with_reference(CFG* cfg, const float* reference_values)
+// Step 1: every loop at every pixel, a batch of maxcap pixels at a time.
+lib::Status accumulate(const CFG& cfg, const HEADER& header, const float* reference_values,
+                       const std::vector<LOOPORDER>& loops, Closures& closures)
 {
-    print_settings(*cfg);
-    const HEADER header = com::readheader(cfg->headerfile);
     const int64_t pixel_total = com::pixel_count(header);
-    const int64_t n_ifg = static_cast<int64_t>(cfg->ifg_names.size());
-    const std::vector<LOOPORDER> loops = find_loops(*cfg);
+    const int64_t n_ifg = static_cast<int64_t>(cfg.ifg_names.size());
     const size_t n_loops = loops.size();
-
-    PixelClosure* pixels = lib::need<PixelClosure>(pixel_total);
-    lib::RunningMoments* loop_moments = lib::need<lib::RunningMoments>(static_cast<int64_t>(n_loops));
-    IfgClosure* ifgs = lib::need<IfgClosure>(n_ifg);
-
     const double share = static_cast<double>(n_loops);
     const std::array<long, 4> marks = {std::lround(0.2 * share), std::lround(0.4 * share), std::lround(0.6 * share),
                                        std::lround(0.8 * share)};
-    const float total = lib::batch_total(header.WIDTH, header.FILE_LENGTH, cfg->maxcap);
-    lib::for_each_batch(pixel_total, cfg->maxcap, [&](const lib::Batch& batch) {
+    const float total = lib::batch_total(header.WIDTH, header.FILE_LENGTH, cfg.maxcap);
+    return lib::for_each_batch(pixel_total, cfg.maxcap, [&](const lib::Batch& batch) -> lib::Status {
         std::fprintf(stderr, "\n=>Caculating phase closure maps batch %d / %.0f\n", batch.number, total);
-        float** stack = com::readallfile_nomask(*cfg, batch.first, batch.end, reference_values);
+        SBAS_TAKE(float** stack, com::readallfile_nomask(cfg, batch.first, batch.end, reference_values));
         if (n_loops > 0) {
             lib::progress_begin("Loop closure", static_cast<int64_t>(n_loops), "loops");
             // Groups of kLoopsTogether loops, then the last few one by one.
@@ -255,17 +259,22 @@ void remove_ifg_by_loop_closure_with_reference(CFG* cfg, const float* reference_
                 const size_t count = n_loops - l >= kLoopsTogether ? kLoopsTogether : 1;
                 for (size_t g = l; g < l + count; ++g) print_progress_lines(g, n_loops, marks);
                 const auto add = count == kLoopsTogether ? add_loops<kLoopsTogether> : add_loops<1>;
-                add(&loops[l], stack, batch.end - batch.first, cfg->loop_misclosure_threshold, pixels + batch.first,
-                    &loop_moments[l]);
+                add(&loops[l], stack, batch.end - batch.first, cfg.loop_misclosure_threshold,
+                    closures.pixels.get() + batch.first, &closures.loops[static_cast<int64_t>(l)]);
                 lib::progress_add(static_cast<int64_t>(count));
                 l += count;
             }
             lib::progress_end();
         }
         lib::free2d_float(stack, static_cast<int>(n_ifg));
+        return {};
     });
+}
 
-    // The pixel threshold, from the deviations of every looped pixel.
+// Step 2: the pixel threshold, from the deviations of every looped pixel,
+// when it is asked for automatically.
+void pixel_threshold(CFG* cfg, const PixelClosure* pixels, int64_t pixel_total)
+{
     lib::RunningMoments pixel_std;
     for (int64_t p = 0; p < pixel_total; ++p)
         if (pixels[p].closure.count > 0.5) pixel_std.add(std::sqrt(pixels[p].closure.variance));
@@ -274,31 +283,32 @@ void remove_ifg_by_loop_closure_with_reference(CFG* cfg, const float* reference_
         cfg->loop_closure_mean_std_threshold =
             static_cast<float>(cfg->confidence_level * pixel_spread.std + pixel_spread.mean);
     if (!pixel_spread.counted) cfg->loop_closure_mean_std_threshold = kNoLoopThreshold;
+}
 
-    float scratch = 0.0f;
-    write_pixels(cfg->resultfolder, "phase_loop_closure_std", pixel_total, scratch, [&](int64_t p, float& out) {
-        out = static_cast<float>(std::sqrt(pixels[p].closure.variance));
-    });
-    write_pixels(cfg->resultfolder, "phase_loop_closure_failed_ratio", pixel_total, scratch,
-                 [&](int64_t p, float& out) { out = static_cast<float>(pixels[p].failed / pixels[p].closure.count); });
-
-    // Every loop that saw a valid pixel counts for its three interferograms.
-    for (size_t l = 0; l < n_loops; ++l) {
+// Step 3: every loop that saw a valid pixel counts for its three
+// interferograms; their mean loop deviations give the interferogram
+// threshold when it is asked for automatically.
+void interferogram_threshold(CFG* cfg, const std::vector<LOOPORDER>& loops, Closures& closures)
+{
+    IfgClosure* ifgs = closures.ifgs.get();
+    for (size_t l = 0; l < loops.size(); ++l) {
         const LOOPORDER& loop = loops[l];
         const int d0 = static_cast<int>(loop.date0);
         const int d1 = static_cast<int>(loop.date1);
         const int d2 = static_cast<int>(loop.date2);
-        if (loop_moments[l].count < 0.5) {
+        const lib::RunningMoments& moments = closures.loops[static_cast<int64_t>(l)];
+        if (moments.count < 0.5) {
             std::fprintf(stderr, "Connecting loop %d-%d-%d, No valid points\n", d0, d1, d2);
             continue;
         }
-        const double loop_std = std::sqrt(loop_moments[l].variance);
+        const double loop_std = std::sqrt(moments.variance);
         for (const int64_t k : {loop.ifg01, loop.ifg02, loop.ifg12}) {
             ifgs[k].loops += 1;
             ifgs[k].std_sum += loop_std;
         }
         std::fprintf(stderr, "Connecting loop %d-%d-%d, std=%6.3f\n", d0, d1, d2, loop_std);
     }
+    const int64_t n_ifg = static_cast<int64_t>(cfg->ifg_names.size());
     lib::RunningMoments ifg_std;
     for (int64_t k = 0; k < n_ifg; ++k) {
         if (ifgs[k].loops <= 0.5) continue;
@@ -310,9 +320,17 @@ void remove_ifg_by_loop_closure_with_reference(CFG* cfg, const float* reference_
         cfg->whole_ifg_closure_std_threshold =
             static_cast<float>(cfg->confidence_level * ifg_spread.std + ifg_spread.mean);
     if (!ifg_spread.counted) cfg->whole_ifg_closure_std_threshold = kNoLoopThreshold;
+}
 
+// Step 4: "filelist_statistics", and unless bad interferograms are kept,
+// "filelist_used" and "filelist_deleted", then the record's lists reloaded
+// from "filelist_used".
+lib::Status write_lists(CFG* cfg, const IfgClosure* ifgs)
+{
+    const int64_t n_ifg = static_cast<int64_t>(cfg->ifg_names.size());
     const com::Path statistics_path = com::join_path(cfg->resultfolder, "filelist_statistics");
-    FILE* statistics = com::open_output(statistics_path.c_str(), "w");
+    SBAS_TAKE(lib::File statistics_file, com::open_output(statistics_path.c_str(), "w"));
+    FILE* statistics = statistics_file.get();
     std::fputs("filename  mean_phase_closure_std   number_of_loops if_used\n", statistics);
     if (cfg->if_delete_bad_ifgs == 0) {
         for (int64_t k = 0; k < n_ifg; ++k) {
@@ -320,47 +338,72 @@ void remove_ifg_by_loop_closure_with_reference(CFG* cfg, const float* reference_
             std::fprintf(statistics, "%s %7.2f %4d YES\n", cfg->ifg_names[k].c_str(),
                          looped ? ifgs[k].std_sum : kNoLoopStd, static_cast<int>(ifgs[k].loops));
         }
-        close_text(statistics, statistics_path.c_str());
-    } else {
-        std::fputs("\n=>Deleting bad ifgs based on averaged phase closure std\n", stderr);
-        std::fprintf(stderr, "Whole_ifg_closure_std_threshod : %.3f\n", cfg->whole_ifg_closure_std_threshold);
-        const com::Path used_path = com::join_path(cfg->resultfolder, "filelist_used");
-        std::snprintf(cfg->filelist, sizeof cfg->filelist, "%s", used_path.c_str());
-        FILE* used = com::open_output(cfg->filelist, "w");
-        const com::Path deleted_path = com::join_path(cfg->resultfolder, "filelist_deleted");
-        FILE* deleted = com::open_output(deleted_path.c_str(), "w");
-        for (int64_t k = 0; k < n_ifg; ++k) {
-            const char* name = cfg->ifg_names[k].c_str();
-            const double mean_std = ifgs[k].std_sum;
-            const int count = static_cast<int>(ifgs[k].loops);
-            if (ifgs[k].loops <= 0.5) {
-                if (cfg->if_allow_unlooped_ifgs == 1) {
-                    std::fprintf(used, "%s\n", name);
-                    std::fprintf(statistics, "%s 9999.00    0 YES\n", name);
-                } else {
-                    std::fprintf(statistics, "%s 9999.0    0 NO\n", name);
-                    std::fprintf(deleted, "%s\n", name);
-                    std::fprintf(stderr, "deleting %s, std = %7.2f, number of loops = %4d\n", name, kNoLoopStd, 0);
-                }
-            } else if (mean_std >= cfg->whole_ifg_closure_std_threshold) {
-                std::fprintf(deleted, "%s\n", name);
-                std::fprintf(stderr, "deleting %s, std = %7.2f, number of loops = %4d\n", name, mean_std, count);
-                std::fprintf(statistics, "%s %7.2f %4d NO\n", name, mean_std, count);
-            } else {
-                std::fprintf(used, "%s\n", name);
-                std::fprintf(statistics, "%s %7.2f %4d YES\n", name, mean_std, count);
-            }
-        }
-        close_text(statistics, statistics_path.c_str());
-        close_text(used, used_path.c_str());
-        close_text(deleted, deleted_path.c_str());
-        com::readfilenamelist(cfg, cfg->filelist);
+        return close_text(statistics_file, statistics_path.c_str());
     }
+    std::fputs("\n=>Deleting bad ifgs based on averaged phase closure std\n", stderr);
+    std::fprintf(stderr, "Whole_ifg_closure_std_threshod : %.3f\n", cfg->whole_ifg_closure_std_threshold);
+    const com::Path used_path = com::join_path(cfg->resultfolder, "filelist_used");
+    std::snprintf(cfg->filelist, sizeof cfg->filelist, "%s", used_path.c_str());
+    SBAS_TAKE(lib::File used_file, com::open_output(cfg->filelist, "w"));
+    const com::Path deleted_path = com::join_path(cfg->resultfolder, "filelist_deleted");
+    SBAS_TAKE(lib::File deleted_file, com::open_output(deleted_path.c_str(), "w"));
+    FILE* used = used_file.get();
+    FILE* deleted = deleted_file.get();
+    for (int64_t k = 0; k < n_ifg; ++k) {
+        const char* name = cfg->ifg_names[k].c_str();
+        const double mean_std = ifgs[k].std_sum;
+        const int count = static_cast<int>(ifgs[k].loops);
+        if (ifgs[k].loops <= 0.5) {
+            if (cfg->if_allow_unlooped_ifgs == 1) {
+                std::fprintf(used, "%s\n", name);
+                std::fprintf(statistics, "%s 9999.00    0 YES\n", name);
+            } else {
+                std::fprintf(statistics, "%s 9999.0    0 NO\n", name);
+                std::fprintf(deleted, "%s\n", name);
+                std::fprintf(stderr, "deleting %s, std = %7.2f, number of loops = %4d\n", name, kNoLoopStd, 0);
+            }
+        } else if (mean_std >= cfg->whole_ifg_closure_std_threshold) {
+            std::fprintf(deleted, "%s\n", name);
+            std::fprintf(stderr, "deleting %s, std = %7.2f, number of loops = %4d\n", name, mean_std, count);
+            std::fprintf(statistics, "%s %7.2f %4d NO\n", name, mean_std, count);
+        } else {
+            std::fprintf(used, "%s\n", name);
+            std::fprintf(statistics, "%s %7.2f %4d YES\n", name, mean_std, count);
+        }
+    }
+    SBAS_TRY(close_text(statistics_file, statistics_path.c_str()));
+    SBAS_TRY(close_text(used_file, used_path.c_str()));
+    SBAS_TRY(close_text(deleted_file, deleted_path.c_str()));
+    return com::readfilenamelist(cfg, cfg->filelist);
+}
+
+}  // namespace
+
+lib::Status remove_ifg_by_loop_closure_with_reference(CFG* cfg, const HEADER& header, const float* reference_values)
+{
+    print_settings(*cfg);
+    const int64_t pixel_total = com::pixel_count(header);
+    SBAS_TAKE(const std::vector<LOOPORDER> loops, find_loops(*cfg));
+    Closures closures{lib::Owned<PixelClosure>(pixel_total),
+                      lib::Owned<lib::RunningMoments>(static_cast<int64_t>(loops.size())),
+                      lib::Owned<IfgClosure>(static_cast<int64_t>(cfg->ifg_names.size()))};
+    SBAS_TRY(accumulate(*cfg, header, reference_values, loops, closures));
+    const PixelClosure* pixels = closures.pixels.get();
+
+    pixel_threshold(cfg, pixels, pixel_total);
+    float scratch = 0.0f;
+    SBAS_TRY(write_pixels(cfg->resultfolder, "phase_loop_closure_std", pixel_total, scratch,
+                          [&](int64_t p, float& out) { out = static_cast<float>(std::sqrt(pixels[p].closure.variance)); }));
+    SBAS_TRY(write_pixels(cfg->resultfolder, "phase_loop_closure_failed_ratio", pixel_total, scratch,
+                          [&](int64_t p, float& out) { out = static_cast<float>(pixels[p].failed / pixels[p].closure.count); }));
+
+    interferogram_threshold(cfg, loops, closures);
+    SBAS_TRY(write_lists(cfg, closures.ifgs.get()));
 
     // 1 marks a pixel that fails the check: too many failed loops or too
     // much scatter, or too few loops to tell.
     const double minimum_loops = cfg->minimun_loop_num;
-    write_pixels(cfg->resultfolder, "phase_loop_closure_mask", pixel_total, scratch, [&](int64_t p, float& out) {
+    SBAS_TRY(write_pixels(cfg->resultfolder, "phase_loop_closure_mask", pixel_total, scratch, [&](int64_t p, float& out) {
         const PixelClosure& pixel = pixels[p];
         if (pixel.closure.count >= minimum_loops) {
             out = 0.0f;
@@ -370,12 +413,10 @@ void remove_ifg_by_loop_closure_with_reference(CFG* cfg, const float* reference_
             out = 1.0f;
         }
         // Otherwise `out` keeps the scratch value: the carry-over.
-    });
+    }));
 
-    std::free(pixels);
-    std::free(loop_moments);
-    std::free(ifgs);
     std::fputs("\n****Checking unwrapping error by loop closure finish*****\n", stderr);
+    return {};
 }
 
 }  // namespace quality

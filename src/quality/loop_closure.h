@@ -6,7 +6,9 @@
 
 #include <cstdint>
 
+#include "catalogue/header.h"
 #include "config/cfg.h"
+#include "numerics/error.h"
 
 // One closure loop: three acquisition dates d0 < d1 < d2 (yyyymmdd) and the
 // list indices of the interferograms (d0,d1), (d0,d2) and (d1,d2).
@@ -33,9 +35,9 @@ namespace quality {
 // kept and rejected interferograms are written to "filelist_used" and
 // "filelist_deleted", filelist points at "filelist_used" and the lists are
 // reloaded from it. A triangle whose interferograms are not all written
-// (earlier date, later date) ends the run with "file format error, cannot
-// form loop closure" on standard output. Runs on the calling thread; the
-// loader uses max_parallel_threads.
-void remove_ifg_by_loop_closure_with_reference(CFG* cfg, const float* reference_values);
+// (earlier date, later date) is reported as "file format error, cannot form
+// loop closure" on standard output. `header` is the job's grid. Runs on the
+// calling thread; the loader uses max_parallel_threads.
+lib::Status remove_ifg_by_loop_closure_with_reference(CFG* cfg, const HEADER& header, const float* reference_values);
 
 }  // namespace quality

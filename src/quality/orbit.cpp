@@ -15,11 +15,8 @@
 // system underdetermined; its estimate is whatever the least-squares kit
 // gives for a singular normal matrix.
 //
-// Interferograms are independent: contiguous blocks of the list go to the
-// threads of one parallel region, each thread with its own raster and design
-// matrix. Every thread writes only its own list entries.
-#include <omp.h>
-
+// Interferograms are independent: they go through quality::correct_each,
+// each thread with its own raster and design matrix.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -30,9 +27,8 @@
 #include "config/fatal.h"
 #include "numerics/arrays.h"
 #include "numerics/least_squares.h"
-#include "numerics/parallel.h"
-#include "numerics/progress.h"
 #include "numerics/validity.h"
+#include "quality/correct_each.h"
 #include "quality/corrections.h"
 
 namespace com {
@@ -40,9 +36,9 @@ namespace {
 
 // Working storage of one thread.
 struct OrbitScratch {
-    float* phase = nullptr;    // the interferogram, then its correction
-    double* design = nullptr;  // samples x 6, one sample's row after another
-    double* observed = nullptr;
+    lib::Owned<float> phase;    // the interferogram, then its correction
+    lib::Owned<double> design;  // samples x 6, one sample's row after another
+    lib::Owned<double> observed;
 };
 
 // Samples along one axis of n pixels taken every s-th: ceil(n / s).
@@ -51,28 +47,18 @@ int64_t sampled(int64_t n, int64_t s) { return n > 0 ? (n + s - 1) / s : 0; }
 OrbitScratch alloc_orbit(const HEADER& grid, int64_t step)
 {
     const int64_t samples = sampled(grid.WIDTH, step) * sampled(grid.FILE_LENGTH, step);
-    OrbitScratch s;
-    s.phase = lib::need<float>(pixel_count(grid));
-    s.design = lib::need<double>(samples * 6);
-    s.observed = lib::need<double>(samples);
-    return s;
+    return OrbitScratch{lib::Owned<float>(pixel_count(grid)), lib::Owned<double>(samples * 6),
+                        lib::Owned<double>(samples)};
 }
 
-void free_orbit(OrbitScratch& s)
-{
-    std::free(s.phase);
-    std::free(s.design);
-    std::free(s.observed);
-}
-
-void correct(const HEADER& grid, int64_t step, const char* in, const char* out, const float* mask,
+lib::Status correct(const HEADER& grid, int64_t step, const char* in, const char* out, const float* mask,
              OrbitScratch& s)
 {
     const int64_t W = grid.WIDTH;
     const int64_t L = grid.FILE_LENGTH;
     const int64_t pixels = pixel_count(grid);
-    float* phase = s.phase;
-    read_raster(in, 0, pixels, phase);
+    float* phase = s.phase.get();
+    SBAS_TRY(read_raster(in, 0, pixels, phase));
     for (int64_t p = 0; p < pixels; ++p)
         if (mask[p] > 0.5) phase[p] = std::numeric_limits<float>::quiet_NaN();
 
@@ -80,7 +66,7 @@ void correct(const HEADER& grid, int64_t step, const char* in, const char* out, 
     for (int64_t y = 0; pixels > 0 && y < L; y += step) {
         for (int64_t x = 0; x < W; x += step) {
             if (!lib::isvalid(phase[y * W + x])) continue;
-            double* row = s.design + 6 * n;
+            double* row = s.design.get() + 6 * n;
             const double xd = static_cast<double>(x);
             const double yd = static_cast<double>(y);
             row[0] = 1.0;
@@ -95,7 +81,7 @@ void correct(const HEADER& grid, int64_t step, const char* in, const char* out, 
     }
     double c[6] = {0, 0, 0, 0, 0, 0};
     if (n > 0) {
-        double* fit = lib::linear_function(s.design, n, 6, s.observed);
+        double* fit = lib::linear_function(s.design.get(), n, 6, s.observed.get());
         if (!fit) lib::out_of_memory();
         std::memcpy(c, fit, sizeof c);
         std::free(fit);
@@ -114,18 +100,16 @@ void correct(const HEADER& grid, int64_t step, const char* in, const char* out, 
             value = static_cast<float>(value - ramp);
         }
     }
-    write_samples(out, "wb", phase, pixels);
+    return write_samples(out, "wb", phase, pixels);
 }
 
 }  // namespace
 
-void remove_orbit(CFG cfg, const char* in, const char* out, const float* mask)
+lib::Status remove_orbit(CFG cfg, const HEADER& grid, const char* in, const char* out, const float* mask)
 {
-    const HEADER grid = readheader(cfg.headerfile);
     const int64_t step = cfg.orbit_quad_fit_sampling > 0 ? cfg.orbit_quad_fit_sampling : 1;
     OrbitScratch scratch = alloc_orbit(grid, step);
-    correct(grid, step, in, out, mask, scratch);
-    free_orbit(scratch);
+    return correct(grid, step, in, out, mask, scratch);
 }
 
 }  // namespace com
@@ -143,11 +127,10 @@ bool ends_with(const std::string& text, const char* end)
 
 }  // namespace
 
-void bach_removel_orbit(CFG* cfg)
+lib::Status bach_removel_orbit(CFG* cfg, const HEADER& grid)
 {
     const int64_t n = static_cast<int64_t>(cfg->ifg_names.size());
-    const HEADER grid = com::readheader(cfg->headerfile);
-    float* mask = correction_mask(*cfg, grid);
+    SBAS_TAKE(const lib::Owned<float> mask, correction_mask(*cfg, grid));
 
     std::fputs("*********************************************************\n", stderr);
     std::fputs("****************Removing orbital ramps start*************\n", stderr);
@@ -157,38 +140,29 @@ void bach_removel_orbit(CFG* cfg)
     std::fprintf(stderr, "Number of threads                 : %d\n", cfg->max_parallel_threads);
     // A step of 0 would never get past the first sample.
     if (cfg->orbit_quad_fit_sampling < 1)
-        lib::die("orbit_quad_fit_sampling must be a positive number of pixels (it is %d)\n",
-                 cfg->orbit_quad_fit_sampling);
+        return lib::error(lib::Fault::setting, "orbit_quad_fit_sampling", lib::Stream::err,
+                          "orbit_quad_fit_sampling must be a positive number of pixels (it is %d)\n",
+                          cfg->orbit_quad_fit_sampling);
     const int64_t step = cfg->orbit_quad_fit_sampling;
     // The elevation-corrected copies this stage reads are intermediates of
     // the run, deleted once read; only they, never an input of the job.
     const bool delete_inputs = cfg->if_remove_eds == 1 && std::strcmp(cfg->datafolder, cfg->resultfolder) == 0;
 
-    lib::progress_begin("Removing orbital ramps", n, "interferograms");
-#pragma omp parallel num_threads(lib::region_threads(cfg->max_parallel_threads))
-    {
-        const lib::Block mine = lib::block_of(n, omp_get_num_threads(), omp_get_thread_num());
-        com::OrbitScratch scratch;
-        if (mine.first < mine.end) scratch = com::alloc_orbit(grid, step);
-        for (int64_t i = mine.first; i < mine.end; ++i) {
-            std::string& name = cfg->ifg_names[static_cast<size_t>(i)];
-            const com::Path in = com::join_path(cfg->datafolder, name.c_str());
-            const com::Path out = com::join_path(cfg->resultfolder, (name + ".remove_orbit").c_str());
-            const bool reuse = cfg->if_use_existing_corrected_ifg == 1 && lib::opens_for_reading(out.c_str());
-            if (!reuse) com::correct(grid, step, in.c_str(), out.c_str(), mask, scratch);
-            const bool intermediate = delete_inputs && ends_with(name, kHeightSuffix);
-            name += ".remove_orbit";
-            if (intermediate && lib::opens_for_reading(in.c_str())) std::remove(in.c_str());
-            lib::progress_add(1);
-        }
-        com::free_orbit(scratch);
-    }
-    lib::progress_end();
+    const bool reuse_existing = cfg->if_use_existing_corrected_ifg == 1;
+    SBAS_TRY(correct_each(
+        cfg, "Removing orbital ramps", ".remove_orbit", [&] { return com::alloc_orbit(grid, step); },
+        [&](const std::string& name, const com::Path& in, const com::Path& out,
+            com::OrbitScratch& scratch) -> lib::Status {
+            if (!(reuse_existing && lib::opens_for_reading(out.c_str())))
+                SBAS_TRY(com::correct(grid, step, in.c_str(), out.c_str(), mask.get(), scratch));
+            if (delete_inputs && ends_with(name, kHeightSuffix) && lib::opens_for_reading(in.c_str()))
+                std::remove(in.c_str());
+            return {};
+        }));
 
-    std::snprintf(cfg->datafolder, sizeof cfg->datafolder, "%s", cfg->resultfolder);
     std::fputs("****************Removing orbital ramps finish************\n", stderr);
     std::fputs("*********************************************************\n", stderr);
-    std::free(mask);
+    return {};
 }
 
 }  // namespace quality

@@ -61,37 +61,39 @@ Place place_of(int64_t index, const HEADER& header)
     return place;
 }
 
-[[noreturn]] void no_stable_point()
+lib::Error no_stable_point()
 {
-    lib::die("Cannot find a stable reference point!\n"
-             "There are interferograms that may contain too many invalid pixels!\n");
+    return lib::error(lib::Fault::data, "", lib::Stream::err,
+                      "Cannot find a stable reference point!\n"
+                      "There are interferograms that may contain too many invalid pixels!\n");
 }
 
 // The report of an automatically chosen pixel, for the user and for later
 // runs; the last line has no line end.
-void write_report(const CFG& cfg, int64_t index, const HEADER& header)
+lib::Status write_report(const CFG& cfg, int64_t index, const HEADER& header)
 {
     const Place place = place_of(index, header);
     const Path path = join_path(cfg.resultfolder, "refpoint");
-    FILE* file = open_output(path.c_str(), "w");
+    SBAS_TAKE(lib::File output, open_output(path.c_str(), "w"));
+    FILE* file = output.get();
     std::fprintf(file, "refpoint position: %d\n", static_cast<int>(index));
     std::fprintf(file, "refpoint row: %d\n", static_cast<int>(place.row));
     std::fprintf(file, "refpoint col: %d\n", static_cast<int>(place.col));
     std::fprintf(file, "refpoint lat: %.6f\n", place.lat);
     std::fprintf(file, "refpoint lon: %.6f", place.lon);
-    std::fclose(file);
+    if (std::fclose(output.release()) != 0) return write_error(path.c_str());
+    return {};
 }
 
 }  // namespace
 
-int64_t find_ref_point(CFG cfg)
+lib::Result<int64_t> find_ref_point(CFG cfg, const HEADER& header)
 {
-    const HEADER header = readheader(cfg.headerfile);
     const int64_t pixels = pixel_count(header);
-    lib::RunningMoments* moments = lib::need<lib::RunningMoments>(pixels);
+    const lib::Owned<lib::RunningMoments> moments(pixels);
 
     // A mean of 0 marks an excluded pixel: invalid once, it stays out.
-    for_each_raster(cfg.datafolder, cfg.ifg_names, pixels, [&](size_t k, const float* samples) {
+    SBAS_TRY(for_each_raster(cfg.datafolder, cfg.ifg_names, pixels, [&](size_t k, const float* samples) {
         for (int64_t p = 0; p < pixels; ++p) {
             lib::RunningMoments& m = moments[p];
             if ((k == 0 || lib::isvalid_double(m.mean)) && lib::isvalid(samples[p])) {
@@ -101,7 +103,7 @@ int64_t find_ref_point(CFG cfg)
                 m.variance = 0;
             }
         }
-    });
+    }));
 
     // A variance of exactly 0 (a constant pixel, or a single interferogram)
     // is no evidence of stability and does not qualify.
@@ -115,16 +117,14 @@ int64_t find_ref_point(CFG cfg)
             chosen = p;
         }
     }
-    std::free(moments);
 
-    if (chosen < 0) no_stable_point();
-    write_report(cfg, chosen, header);
+    if (chosen < 0) return no_stable_point();
+    SBAS_TRY(write_report(cfg, chosen, header));
     return chosen;
 }
 
-int64_t find_ref_grid(CFG cfg)
+lib::Result<int64_t> find_ref_grid(CFG cfg, const HEADER& header)
 {
-    const HEADER header = readheader(cfg.headerfile);
     const int64_t pixels = pixel_count(header);
     // A cell below one pixel makes no sense; one pixel is the closest meaning.
     const int64_t side = std::max(cfg.ref_window, 1);
@@ -141,11 +141,13 @@ int64_t find_ref_grid(CFG cfg)
 
     // Per cell: the moments of its mean through the interferograms (a count
     // of 0 marks an excluded cell), and this interferogram's valid samples.
-    lib::RunningMoments* moments = lib::need<lib::RunningMoments>(cells);
-    double* cell_sum = lib::need<double>(cells);
-    double* cell_n = lib::need<double>(cells);
+    const lib::Owned<lib::RunningMoments> moments(cells);
+    const lib::Owned<double> sums(cells);
+    const lib::Owned<double> counts(cells);
+    double* cell_sum = sums.get();
+    double* cell_n = counts.get();
 
-    for_each_raster(cfg.datafolder, cfg.ifg_names, pixels, [&](size_t k, const float* samples) {
+    SBAS_TRY(for_each_raster(cfg.datafolder, cfg.ifg_names, pixels, [&](size_t k, const float* samples) {
         // One pass in raster order adds each cell's samples row by row, the
         // order a cell-by-cell walk would take.
         std::fill(cell_sum, cell_sum + cells, 0.0);
@@ -169,7 +171,7 @@ int64_t find_ref_grid(CFG cfg)
             }
             m.add(cell_sum[cell] / cell_n[cell], lib::PreviousMean::rounded_to_float);
         }
-    });
+    }));
 
     // Unlike the single-pixel search, a deviation of 0 qualifies here: the
     // cell's count, not its spread, decides whether it is a candidate.
@@ -194,11 +196,8 @@ int64_t find_ref_grid(CFG cfg)
             chosen = centre_row * header.WIDTH + centre_col;
         }
     }
-    std::free(moments);
-    std::free(cell_sum);
-    std::free(cell_n);
-    if (chosen < 0) no_stable_point();
-    write_report(cfg, chosen, header);
+    if (chosen < 0) return no_stable_point();
+    SBAS_TRY(write_report(cfg, chosen, header));
     return chosen;
 }
 
@@ -216,37 +215,41 @@ void set_reference_pixel(CFG* cfg, int64_t index, const HEADER& header)
     cfg->ref_lon = static_cast<float>(place.lon);
 }
 
+lib::Error out_of_coverage()
+{
+    return lib::error(lib::Fault::setting, "ref_row/ref_col", lib::Stream::err,
+                      "ERROR: Rereference point out of coverage!\n");
+}
+
 }  // namespace
 
-float* sbas_step1(CFG* cfg)
+lib::Result<float*> sbas_step1(CFG* cfg, const HEADER& header)
 {
-    const HEADER header = com::readheader(cfg->headerfile);
-
-    if (cfg->ref_col < 0) lib::die("ERROR: Rereference point out of coverage!\n");
+    if (cfg->ref_col < 0) return out_of_coverage();
 
     // Row 0 with column 0 means that no pixel was given, so pixel (0, 0)
     // itself cannot be named.
     if (cfg->ref_col != 0 || cfg->ref_row != 0) {
         if (cfg->ref_col < header.WIDTH && cfg->ref_row >= 0 && cfg->ref_row < header.FILE_LENGTH)
-            return com::get_ref_point_value(*cfg, header.WIDTH * cfg->ref_row + cfg->ref_col);
-        lib::die("ERROR: Rereference point out of coverage!\n");
+            return com::get_ref_point_value(*cfg, header, header.WIDTH * cfg->ref_row + cfg->ref_col);
+        return out_of_coverage();
     }
 
     switch (cfg->ref_method) {
     case 0: {
         std::fprintf(stderr, "\n*********Looking for an arbitrary reference point********\n");
-        const int64_t index = com::find_ref_point(*cfg);
-        float* values = com::get_ref_point_value(*cfg, index);
+        SBAS_TAKE(const int64_t index, com::find_ref_point(*cfg, header));
+        SBAS_TAKE(float* values, com::get_ref_point_value(*cfg, header, index));
         set_reference_pixel(cfg, index, header);
         return values;
     }
     case 1:
         std::fprintf(stderr, "\n***********Using global mean as reference point**********\n");
-        return com::get_ref_point_value_global_mean(*cfg);
+        return com::get_ref_point_value_global_mean(*cfg, header);
     case 2: {
         std::fprintf(stderr, "\n***********Looking for a stable reference point**********\n");
-        const int64_t index = com::find_ref_grid(*cfg);
-        float* values = com::get_ref_point_value(*cfg, index);
+        SBAS_TAKE(const int64_t index, com::find_ref_grid(*cfg, header));
+        SBAS_TAKE(float* values, com::get_ref_point_value(*cfg, header, index));
         set_reference_pixel(cfg, index, header);
         return values;
     }

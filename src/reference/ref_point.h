@@ -4,7 +4,9 @@
 
 #include <cstdint>
 
+#include "catalogue/header.h"
 #include "config/cfg.h"
+#include "numerics/error.h"
 
 namespace sbas {
 
@@ -13,19 +15,20 @@ namespace sbas {
 // (ref_row, ref_col, ref_lat, ref_lon) and returns the reference values, one
 // float per interferogram (std::free; never null, one zero for an empty
 // list). A ref_method other than 0, 1 or 2 with no pixel given returns zeros.
-float* sbas_step1(CFG* cfg);
+// `header` is the job's grid.
+lib::Result<float*> sbas_step1(CFG* cfg, const HEADER& header);
 
 }  // namespace sbas
 
 namespace com {
 
 // Flat index of the pixel of least temporal variance; writes "refpoint".
-// Ends the run when no pixel qualifies.
-int64_t find_ref_point(CFG cfg);
+// Reports when no pixel qualifies.
+lib::Result<int64_t> find_ref_point(CFG cfg, const HEADER& header);
 
 // Flat index of the centre of the most stable ref_window cell (a window
-// below 1 is taken as 1); writes "refpoint". Ends the run when no cell
+// below 1 is taken as 1); writes "refpoint". Reports when no cell
 // qualifies.
-int64_t find_ref_grid(CFG cfg);
+lib::Result<int64_t> find_ref_grid(CFG cfg, const HEADER& header);
 
 }  // namespace com

@@ -75,39 +75,40 @@ float read_windowed_point(int64_t index, int window, FILE* raster, float* std_ou
     return static_cast<float>(sum / count);  // NaN when nothing was valid
 }
 
-float* get_ref_point_value(const CFG& cfg, int64_t index)
+lib::Result<float*> get_ref_point_value(const CFG& cfg, const HEADER& header, int64_t index)
 {
-    const HEADER header = readheader(cfg.headerfile);
-    float* values = lib::per_interferogram(cfg.ifg_names.size());
+    auto values = lib::Owned<float>::adopt(lib::per_interferogram(cfg.ifg_names.size()));
     for (size_t k = 0; k < cfg.ifg_names.size(); ++k) {
         const char* name = cfg.ifg_names[k].c_str();
         const Path path = join_path(cfg.datafolder, name);
-        FILE* raster = lib::fopen_zq(path.c_str(), "rb");
+        SBAS_TAKE(const lib::File raster, lib::fopen_zq(path.c_str(), "rb"));
         float spread = 0;
-        values[k] = read_windowed_point(index, cfg.ref_window, raster, &spread, header);
-        if (!lib::isvalid(values[k])) lib::die("ERROR: no valid values around the reference point!\n");
+        values[k] = read_windowed_point(index, cfg.ref_window, raster.get(), &spread, header);
+        if (!lib::isvalid(values[k]))
+            return lib::error(lib::Fault::data, name, lib::Stream::err,
+                              "ERROR: no valid values around the reference point!\n");
         std::fprintf(stderr, "%s refpoint value %8.3f %6.3f\n", name, values[k], spread);
-        std::fclose(raster);
     }
-    return values;
+    return values.release();
 }
 
-float* get_ref_point_value_global_mean(const CFG& cfg)
+lib::Result<float*> get_ref_point_value_global_mean(const CFG& cfg, const HEADER& header)
 {
-    const HEADER header = readheader(cfg.headerfile);
     const int64_t pixels = pixel_count(header);
-    float* values = lib::per_interferogram(cfg.ifg_names.size());
-    for_each_raster(cfg.datafolder, cfg.ifg_names, pixels, [&](size_t k, const float* samples) {
+    auto values = lib::Owned<float>::adopt(lib::per_interferogram(cfg.ifg_names.size()));
+    SBAS_TRY(for_each_raster(cfg.datafolder, cfg.ifg_names, pixels, [&](size_t k, const float* samples) -> lib::Status {
         const char* name = cfg.ifg_names[k].c_str();
         lib::RunningMoments moments;
         for (int64_t p = 0; p < pixels; ++p)
             if (lib::isvalid(samples[p])) moments.add(samples[p]);
         if (moments.count < 0.5 || std::isnan(static_cast<float>(moments.variance)))
-            lib::die_stdout("Cannot find a valid reference value for %s\n", name);
+            return lib::error(lib::Fault::data, name, lib::Stream::out, "Cannot find a valid reference value for %s\n",
+                              name);
         values[k] = static_cast<float>(moments.mean);
         std::fprintf(stderr, "%s refpoint value %8.3f %6.3f\n", name, values[k], std::sqrt(moments.variance));
-    });
-    return values;
+        return {};
+    }));
+    return values.release();
 }
 
 }  // namespace com

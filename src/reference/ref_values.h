@@ -20,15 +20,16 @@ namespace com {
 float read_windowed_point(int64_t index, int window, FILE* raster, float* std_out, const HEADER& header);
 
 // The window mean around pixel `index` of every interferogram, list order,
-// each reported on standard error. A window without a valid sample ends the
-// run. Returns a block of n floats (std::free), n = number of interferograms
-// (one zero when the list is empty).
-float* get_ref_point_value(const CFG& cfg, int64_t index);
+// each reported on standard error. A window without a valid sample is
+// reported. Returns a block of n floats (std::free), n = number of
+// interferograms (one zero when the list is empty).
+lib::Result<float*> get_ref_point_value(const CFG& cfg, const HEADER& header, int64_t index);
 
 // The mean of all valid samples of every interferogram, list order, each
-// reported on standard error. An interferogram with no valid sample ends the
-// run, as does a grid without samples. Returns a block of n floats
+// reported on standard error. An interferogram with no valid sample is
+// reported ("Cannot find a valid reference value for %s\n", standard
+// output), as is a grid without samples. Returns a block of n floats
 // (std::free; one zero when the list is empty).
-float* get_ref_point_value_global_mean(const CFG& cfg);
+lib::Result<float*> get_ref_point_value_global_mean(const CFG& cfg, const HEADER& header);
 
 }  // namespace com

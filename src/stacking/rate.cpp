@@ -93,12 +93,15 @@ void fit_tile(float* const* rows, const std::vector<DATEINTERVAL>& intervals, in
 
 }  // namespace
 
-void stacking(CFG cfg, float** rows, std::vector<DATEINTERVAL> intervals, int64_t start, int64_t end)
+lib::Status stacking(CFG cfg, float** rows, std::vector<DATEINTERVAL> intervals, int64_t start, int64_t end)
 {
     const int64_t P = end > start ? end - start : 0;
-    float* velocity = lib::need<float>(P);
-    float* residual = lib::need<float>(P);
-    float* sigma = lib::need<float>(P);
+    const lib::Owned<float> velocities(P);
+    const lib::Owned<float> residuals(P);
+    const lib::Owned<float> sigmas(P);
+    float* velocity = velocities.get();
+    float* residual = residuals.get();
+    float* sigma = sigmas.get();
     const double least =
         static_cast<double>(intervals.size()) * static_cast<double>(cfg.minimum_temporal_ifg_ratio);
 
@@ -110,12 +113,9 @@ void stacking(CFG cfg, float** rows, std::vector<DATEINTERVAL> intervals, int64_
                      {velocity, residual, sigma});
     }
 
-    com::write_batch(cfg.resultfolder, "linear_stacking_mean_velocity", start, velocity, P);
-    com::write_batch(cfg.resultfolder, "linear_stacking_mean_velocity_residual", start, residual, P);
-    com::write_batch(cfg.resultfolder, "linear_stacking_mean_velocity_sigma", start, sigma, P);
-    std::free(velocity);
-    std::free(residual);
-    std::free(sigma);
+    SBAS_TRY(com::write_batch(cfg.resultfolder, "linear_stacking_mean_velocity", start, velocity, P));
+    SBAS_TRY(com::write_batch(cfg.resultfolder, "linear_stacking_mean_velocity_residual", start, residual, P));
+    return com::write_batch(cfg.resultfolder, "linear_stacking_mean_velocity_sigma", start, sigma, P);
 }
 
 }  // namespace rstacking

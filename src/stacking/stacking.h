@@ -6,7 +6,9 @@
 #include <cstdint>
 #include <vector>
 
+#include "catalogue/header.h"
 #include "config/cfg.h"
+#include "numerics/error.h"
 
 // The time span of one interferogram, from the two dates in its file name.
 struct DATEINTERVAL {
@@ -25,7 +27,7 @@ namespace rstacking {
 // "linear_stacking_mean_velocity_residual" and
 // "linear_stacking_mean_velocity_sigma" into cfg.resultfolder, and its
 // banner, interval lines and batch lines to standard error.
-void start_rstacking(CFG cfg, const float* closure_mask, const float* reference_values);
+lib::Status start_rstacking(CFG cfg, const HEADER& header, const float* closure_mask, const float* reference_values);
 
 // Solves pixels [start, end) of a loaded batch: rows[k] holds interferogram
 // k's end - start referenced samples (0 or any no-data value: not observed),
@@ -34,6 +36,6 @@ void start_rstacking(CFG cfg, const float* closure_mask, const float* reference_
 // sqrt(S / (sum(T^2) (n - 1))) with S = sum((d - v T)^2), in rad/yr for the
 // rate; 0 in all three when N * minimum_temporal_ifg_ratio >= n (N: rows).
 // The pixels are appended to the three rasters (created when start is 0).
-void stacking(CFG cfg, float** rows, std::vector<DATEINTERVAL> intervals, int64_t start, int64_t end);
+lib::Status stacking(CFG cfg, float** rows, std::vector<DATEINTERVAL> intervals, int64_t start, int64_t end);
 
 }  // namespace rstacking

@@ -4,6 +4,8 @@
 // threads (stacking_test.cpp, recovery_test.cpp, loop_closure_test.cpp).
 #include <gtest/gtest.h>
 
+#include "app/job.h"
+
 #include <string>
 #include <vector>
 
@@ -11,6 +13,7 @@
 #include "config/cfg.h"
 #include "numerics/arrays.h"
 #include "support/child.h"
+#include "support/errors.h"
 
 namespace {
 
@@ -32,9 +35,9 @@ protected:
     Rows load(const std::string& extra, std::vector<int>* count, std::vector<float> refs = std::vector<float>(10, 0.5f),
               std::vector<float> mask = {0, 0, 0, 0})
     {
-        const CFG cfg = lib::loadcfg(job.config(extra).c_str());
+        const CFG cfg = testing_support::must(lib::loadcfg(job.config(extra).c_str()));
         count->assign(4, 0);
-        float** stack = com::readallfile(cfg, 0, 4, refs.data(), mask.data(), count->data());
+        float** stack = testing_support::must(com::readallfile(cfg, 0, 4, refs.data(), mask.data(), count->data()));
         Rows rows;
         for (int k = 0; k < 10; ++k) rows.emplace_back(stack[k], stack[k] + 4);
         lib::free2d_float(stack, 10);
@@ -66,8 +69,8 @@ TEST_F(TenInterferograms, ReferencesAreSubtractedMaskedPixelsDroppedAndWithoutTh
     EXPECT_EQ(rows[0][1], 0.0f);
     EXPECT_EQ(count, (std::vector<int>{9, 0, 0, 0}));
 
-    const CFG cfg = lib::loadcfg(job.config().c_str());
-    float** stack = com::readallfile_nomask(cfg, 0, 4, refs.data());
+    const CFG cfg = testing_support::must(lib::loadcfg(job.config().c_str()));
+    float** stack = testing_support::must(com::readallfile_nomask(cfg, 0, 4, refs.data()));
     EXPECT_EQ(stack[0][1], 1.0f);  // seen by 3 of 10, kept
     EXPECT_EQ(stack[5][1], 0.0f);
     lib::free2d_float(stack, 10);

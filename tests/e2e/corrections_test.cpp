@@ -132,16 +132,23 @@ TEST(CorrectedRuns, BannersMaskAndTheReuseOfExistingCopies)
     EXPECT_TRUE(s.inputs() == inputs);
 }
 
-TEST(CorrectedRuns, AShortInterferogramStopsTheRunFromAWorkerThread)
+// Interferogram 4 is short and a later one, which another thread reaches
+// first, is missing: the run reports the first in list order, once,
+// whatever the thread count.
+TEST(CorrectedRuns, TheFirstBadInterferogramInListOrderStopsTheRunFromAWorkerThread)
 {
     const RampedJob s(7, 24, 20);
+    ASSERT_GE(s.job.ifgs.size(), 10u);
     const std::string short_one = s.job.ifg_folder + "/" + s.job.ifgs[4];
     write_text(short_one, std::string(100, 'x'));
-    for (const std::string stage : {"if_remove_eds", "if_remove_orbit"}) {
-        const Outcome o = s.run("if_inverse_time_series 0\nmax_parallel_threads 3\n" + stage + " 1\n");
-        expect_stop(o, short_one + " file size wrong 100\n", false);
-        EXPECT_EQ(o.err.find("file size wrong"), o.err.rfind("file size wrong"));  // one message, from one thread
-    }
+    std::remove((s.job.ifg_folder + "/" + s.job.ifgs[9]).c_str());
+    for (const std::string stage : {"if_remove_eds", "if_remove_orbit"})
+        for (const char* threads : {"1", "3"}) {
+            const Outcome o =
+                s.run("if_inverse_time_series 0\nmax_parallel_threads " + std::string(threads) + "\n" + stage + " 1\n");
+            expect_stop(o, short_one + " file size wrong 100\n", false);
+            EXPECT_EQ(o.err.find("file size wrong"), o.err.rfind("file size wrong"));  // one message
+        }
 }
 
 }  // namespace

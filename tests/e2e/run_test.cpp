@@ -62,6 +62,22 @@ TEST(CommandLine, LicenceUsageAndLookalikes)
     }
 }
 
+// --error-status changes the status of a run that stops, and nothing else.
+TEST(CommandLine, ErrorStatusGivesOneToARunThatStops)
+{
+    const Outcome plain = run_program({"missing.txt"});
+    const Outcome flagged = run_program({"--error-status", "missing.txt"});
+    EXPECT_TRUE(flagged.exited && flagged.status == 1);
+    EXPECT_EQ(plain.status, 0);
+    EXPECT_EQ(flagged.out, plain.out);
+    EXPECT_EQ(flagged.err, plain.err);
+    EXPECT_EQ(flagged.out, "missing.txt not found\nfile not exit\n");
+    const auto job = three_date_job();
+    const Outcome finished = run_program({"--error-status", job->config()});
+    EXPECT_TRUE(finished.status == 0 && finished.err.ends_with("finish!\n")) << finished.err;
+    EXPECT_EQ(run_program({"--error-status"}).status, 1);  // no configuration: the usage
+}
+
 // The banner, the batches of the inversion (24 pixels in batches of 5: the
 // last one holds 4), the total time; with nothing to consume them the
 // reference values are not even looked for.

@@ -2,6 +2,7 @@
 // conversions and key-order rule, the header and list it names, the folder
 // checks, then the driver's checks before the first stage (thread count,
 // interferograms to work on, no output over an input, physical settings).
+#include "app/job.h"
 #include "app/job_checks.h"
 #include "config/cfg.h"
 #include "fuzz_support.h"
@@ -10,12 +11,13 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     fuzz::write_input("config.txt", data, size);
-    fuzz::run([] {
-        CFG cfg = lib::loadcfg("config.txt");
+    fuzz::run([]() -> lib::Status {
+        SBAS_TAKE(CFG cfg, lib::loadcfg("config.txt"));
         cfg.max_parallel_threads = lib::usable_threads(cfg.max_parallel_threads);
-        sbas::require_interferograms(cfg);
-        sbas::refuse_outputs_over_inputs(cfg, "config.txt");
+        SBAS_TRY(sbas::require_interferograms(cfg));
+        SBAS_TRY(sbas::refuse_outputs_over_inputs(cfg, "config.txt"));
         sbas::warn_physical_settings(cfg);
+        return {};
     });
     return 0;
 }

@@ -1,9 +1,11 @@
 // What the fuzz harnesses of the readers share: a small job folder to read
-// from, the fuzzer's bytes written where a run would read them, and the
-// fatal-error sink's ending turned into a C++ exception, so that a run's
-// stop returns to the harness as an expected outcome instead of ending the
-// fuzzer. Anything else (a crash, a sanitizer report, a hang, an uncaught
-// exception) is a finding.
+// from, and the fuzzer's bytes written where a run would read them. A
+// reader's error is an expected outcome; so is memory running out, whose
+// ending is turned into a C++ exception that returns to the harness instead
+// of ending the fuzzer. Anything else (a crash, a sanitizer report, a hang,
+// an uncaught exception) is a finding.
+#include "numerics/error.h"
+
 #pragma once
 
 #include <cstddef>
@@ -19,13 +21,14 @@ namespace fuzz {
 // result/, and config.txt naming them by relative paths, with the DEM-error
 // term on so that the baselines are read. Corpus folders and artifact paths
 // given to a harness must therefore be absolute (scripts/fuzz.sh does so).
-// The sink's ending is pointed at an exception at the same time.
+// The memory sink's ending is pointed at an exception at the same time.
 
 // Writes the `size` bytes at `data` to the file `name` of the job folder.
 void write_input(const char* name, const uint8_t* data, size_t size);
 
-// Runs `body`, which calls the readers as a run does; a fatal stop of the
-// run ends it early and is an expected outcome.
-void run(const std::function<void()>& body);
+// Runs `body`, which calls the readers as a run does and returns the first
+// error they report; an error, or memory running out, is an expected
+// outcome.
+void run(const std::function<lib::Status()>& body);
 
 }  // namespace fuzz

@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/errors.h"
+
 #include <cmath>
 #include <cstring>
 #include <random>
@@ -158,10 +160,9 @@ TEST(Corrections, TheDemIsResampledByNearestPixelLaterSamplesWinning)
     CFG cfg;
     std::snprintf(cfg.demfile, sizeof cfg.demfile, "%s", (dir / "dem").c_str());
     std::snprintf(cfg.demfile_header, sizeof cfg.demfile_header, "%s", (dir / "dem.txt").c_str());
-    float* height = com::resample_dem(cfg, binary_grid(5, 4));
+    const lib::Owned<float> height = testing_support::must(com::resample_dem(cfg, binary_grid(5, 4)));
     for (int i = 0; i < 4; ++i)
         for (int j = 0; j < 5; ++j) EXPECT_EQ(height[i * 5 + j], heights[20 * i + 2 * j] / 1000.0f) << i << "," << j;
-    std::free(height);
 }
 
 TEST(Corrections, WhatEachCorrectionModelsComesOutAsZero)
@@ -189,14 +190,14 @@ TEST(Corrections, WhatEachCorrectionModelsComesOutAsZero)
     std::snprintf(cfg.headerfile, sizeof cfg.headerfile, "%s", (dir / "header.txt").c_str());
     for (int sampling : {1, 3}) {
         cfg.orbit_quad_fit_sampling = sampling;
-        com::remove_orbit(cfg, (dir / "ramp").c_str(), (dir / "out").c_str(), mask.data());
+        testing_support::must(com::remove_orbit(cfg, grid, (dir / "ramp").c_str(), (dir / "out").c_str(), mask.data()));
         const auto out = read_floats(dir / "out");
         ASSERT_EQ(out.size(), static_cast<size_t>(pixels));
         for (int64_t p = 0; p < pixels; ++p) EXPECT_NEAR(out[p], 0.0f, 2e-5) << sampling << " " << p;
         EXPECT_TRUE(out[7] == 0.0f && out[30] == 0.0f);
     }
-    com::remove_heigh_dependent(cfg, com::eds_block_grid(grid, 25), (dir / "line").c_str(), (dir / "out").c_str(),
-                                height.data(), mask.data());
+    testing_support::must(com::remove_heigh_dependent(cfg, grid, com::eds_block_grid(grid, 25), (dir / "line").c_str(),
+                                                      (dir / "out").c_str(), height.data(), mask.data()));
     const auto out = read_floats(dir / "out");
     for (int64_t p = 0; p < pixels; ++p) EXPECT_TRUE(p == 30 ? std::isnan(out[p]) : std::fabs(out[p]) < 2e-5) << p;
 }

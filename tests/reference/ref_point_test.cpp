@@ -11,6 +11,8 @@
 
 #include <gtest/gtest.h>
 
+#include "app/job.h"
+
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -20,6 +22,7 @@
 
 #include "config/cfg.h"
 #include "support/child.h"
+#include "support/errors.h"
 
 namespace {
 
@@ -60,7 +63,7 @@ CFG job_config(ts::TinyJob& job, const Stack& stack, const std::string& settings
         std::snprintf(name, sizeof name, "i%zu_2020011%zu_2020021%zu.unw", k, k, k);
         job.add_ifg(name, stack[k]);
     }
-    return lib::loadcfg(job.config(settings).c_str());
+    return testing_support::must(lib::loadcfg(job.config(settings).c_str()));
 }
 
 // A raster whose pixels hold the value of their cell of side `side`, cells
@@ -117,7 +120,9 @@ TEST(RefSearches, PickTheLeastVariancePixelOrTheCentreOfTheMostStableCell)
         ts::TinyJob job(c.width, c.length);
         const CFG cfg = job_config(job, c.stack, c.settings);
         const ts::Outcome got = ts::run_in_child([&] {
-            std::printf("%" PRId64, cfg.ref_method == 0 ? com::find_ref_point(cfg) : com::find_ref_grid(cfg));
+            const HEADER header = ts::must(com::readheader(cfg.headerfile));
+            std::printf("%" PRId64, ts::or_stop(cfg.ref_method == 0 ? com::find_ref_point(cfg, header)
+                                                                      : com::find_ref_grid(cfg, header)));
         });
         EXPECT_EQ(got.status, ts::kReturned) << got.err;
         EXPECT_EQ(got.out + got.err, c.out);
@@ -148,9 +153,10 @@ TEST(RefStep1, ChoosesTheReferenceAndWritesItBack)
         // The report is moved aside after each call: the second call must
         // take the pixel written back and not search again.
         const std::string report = job.result("refpoint");
+        const HEADER header = ts::must(com::readheader(cfg.headerfile));
         const ts::Outcome got = ts::run_in_child([&] {
             for (int call = 0; call < 2; ++call) {
-                float* values = sbas::sbas_step1(&cfg);
+                float* values = ts::or_stop(sbas::sbas_step1(&cfg, header));
                 for (size_t k = 0; k < cfg.ifg_names.size(); ++k) std::printf("%g ", values[k]);
                 std::printf("/ %" PRId64 " %" PRId64 " %g %g\n", cfg.ref_row, cfg.ref_col, cfg.ref_lat, cfg.ref_lon);
                 std::free(values);
@@ -196,7 +202,8 @@ TEST(RefStep1, StopsCleanlyWithoutAReference)
         SCOPED_TRACE(c.what);
         ts::TinyJob job(c.width, c.length);
         CFG cfg = job_config(job, c.stack, c.settings);
-        const ts::Outcome got = ts::run_in_child([&] { std::free(sbas::sbas_step1(&cfg)); });
+        const HEADER header = ts::must(com::readheader(cfg.headerfile));
+        const ts::Outcome got = ts::run_in_child([&] { std::free(ts::or_stop(sbas::sbas_step1(&cfg, header))); });
         EXPECT_TRUE(got.exited && got.status == 0) << got.signal;
         EXPECT_EQ(got.out, c.out);
         EXPECT_EQ(got.err, c.text);

@@ -9,6 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include "app/job.h"
+
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -18,6 +20,7 @@
 
 #include "config/cfg.h"
 #include "support/child.h"
+#include "support/errors.h"
 
 namespace {
 
@@ -115,12 +118,14 @@ TEST(RefValues, ValueOfEveryInterferogramOrAStop)
         TinyJob job(c.width, c.length);
         job.add_ifg(kFirst, c.first);
         job.add_ifg(kSecond, c.second);
-        const CFG cfg = lib::loadcfg(job.config("ref_window 3\n").c_str());
+        const CFG cfg = testing_support::must(lib::loadcfg(job.config("ref_window 3\n").c_str()));
         if (c.first.empty()) std::remove(job.path("ifg/" + kFirst).c_str());
 
         // Both values, one a line.
         const Outcome got = testing_support::run_in_child([&] {
-            float* values = c.global ? com::get_ref_point_value_global_mean(cfg) : com::get_ref_point_value(cfg, 4);
+            const HEADER header = testing_support::must(com::readheader(cfg.headerfile));
+            float* values = testing_support::or_stop(c.global ? com::get_ref_point_value_global_mean(cfg, header)
+                                                              : com::get_ref_point_value(cfg, header, 4));
             std::printf("%g\n%g\n", values[0], values[1]);
             std::free(values);
         });

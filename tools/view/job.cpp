@@ -94,7 +94,9 @@ Grid read_grid(const std::string& path)
 {
     if (path.empty()) fail("the configuration names no headerfile");
     if (!is_file(path)) fail("header %s is not a readable file", path.c_str());
-    const HEADER header = com::readheader(path.c_str());
+    const lib::Result<HEADER> read = com::readheader(path.c_str());
+    if (!read.ok()) fail("%s", read.error().message.c_str());
+    const HEADER header = *read;
     Grid grid{header.WIDTH, header.FILE_LENGTH, header.X_FIRST, header.Y_FIRST, header.X_STEP, header.Y_STEP};
     if (grid.width < 1 || grid.length < 1)
         fail("header %s: WIDTH %lld and FILE_LENGTH %lld must both be at least 1", path.c_str(),
