@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <charconv>
 #include <cstdio>
 #include <filesystem>
 #include <set>
@@ -45,12 +46,9 @@ std::set<Id> chain(const fs::path& path)
 // The shortest text that reads back as the same double.
 std::string exact(double v)
 {
-    char text[40];
-    for (int digits = 6; digits <= 17; ++digits) {
-        std::snprintf(text, sizeof text, "%.*g", digits, v);
-        if (std::strtod(text, nullptr) == v) break;
-    }
-    return text;
+    char text[64];
+    const auto result = std::to_chars(text, text + sizeof text, v);
+    return std::string(text, result.ptr);
 }
 
 void write_file(const fs::path& path, const void* data, size_t bytes)
