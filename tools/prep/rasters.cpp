@@ -49,7 +49,7 @@ Opened open_lonlat(const std::string& path)
     const bool georeferenced = GDALGetGeoTransform(o.file, gt) == CE_None;
     OGRSpatialReferenceH srs = GDALGetSpatialRef(o.file);
     if (!georeferenced || !srs)
-        fail("%s has no georeferencing (radar coordinates?): sbas-ts needs geocoded interferograms", path.c_str());
+        fail("%s has no georeferencing (radar coordinates?): sbas-ts needs geocoded rasters", path.c_str());
     if (GDALGetRasterCount(o.file) < 1) fail("%s holds no raster band", path.c_str());
     // Two-band ROI_PAC .unw files hold amplitude, then phase.
     GDALDriverH driver = GDALGetDatasetDriver(o.file);
