@@ -138,6 +138,10 @@ Plan plan_stack(const Options& o)
     H5Dclose(date);
     if (dates.size() != 2 * n)
         fail("%s: date is not %zu x 2 strings yyyymmdd, one pair per interferogram", o.source.c_str(), n);
+    for (std::string& d : dates) {
+        d.erase(d.find_last_not_of(" \t") + 1);
+        d.erase(0, d.find_first_not_of(" \t"));
+    }
 
     auto read_vector = [&](const char* name, hid_t type, void* into) {
         if (H5Lexists(file, name, H5P_DEFAULT) <= 0) return false;
