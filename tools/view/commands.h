@@ -22,6 +22,7 @@ struct ExportOptions {
     std::string config;
     std::string out_dir;  // empty: RESULTDIR/export
     Unit unit = Unit::rad;
+    bool keep_undetermined = false;  // keep the raw values of undetermined pixels
 };
 void run_export(const ExportOptions& options);
 

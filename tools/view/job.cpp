@@ -29,13 +29,14 @@ namespace {
 // The configuration as far as sbas-view reads it. Members hold the raw
 // values; paths are resolved afterwards.
 struct Settings {
-    std::string resultfolder, headerfile, filelist, baselines;
+    std::string resultfolder, headerfile, filelist, datafolder, baselines;
     int64_t ref_row = 0, ref_col = 0;
     float ref_lat = -9999, ref_lon = -9999;  // sbas-ts's "not given"
     double wavelength = 0.055165;            // sbas-ts's default, metres
+    Switches switches;                       // sbas-ts's defaults
 };
 
-enum class Kind { path, integer, real, length };
+enum class Kind { path, integer, real, length, switch_, ratio };
 
 struct Key {
     const char* name;
@@ -44,6 +45,7 @@ struct Key {
     int64_t Settings::*integer;
     float Settings::*real;
     double Settings::*length = nullptr;
+    int Switches::*flag = nullptr;
 };
 
 // In sbas-ts's comparison order (a subset of its keys).
@@ -51,12 +53,23 @@ const Key kKeys[] = {
     {"resultfolder", Kind::path, &Settings::resultfolder, nullptr, nullptr},
     {"headerfile", Kind::path, &Settings::headerfile, nullptr, nullptr},
     {"filelist", Kind::path, &Settings::filelist, nullptr, nullptr},
+    {"datafolder", Kind::path, &Settings::datafolder, nullptr, nullptr},
     {"ref_row", Kind::integer, nullptr, &Settings::ref_row, nullptr},
     {"ref_col", Kind::integer, nullptr, &Settings::ref_col, nullptr},
     {"ref_lat", Kind::real, nullptr, nullptr, &Settings::ref_lat},
     {"ref_lon", Kind::real, nullptr, nullptr, &Settings::ref_lon},
     {"baselines", Kind::path, &Settings::baselines, nullptr, nullptr},
+    {"if_est_hgt", Kind::switch_, nullptr, nullptr, nullptr, nullptr, &Switches::if_est_hgt},
     {"wavelength", Kind::length, nullptr, nullptr, nullptr, &Settings::wavelength},
+    {"temporal_constraint", Kind::switch_, nullptr, nullptr, nullptr, nullptr, &Switches::temporal_constraint},
+    {"if_remove_orbit", Kind::switch_, nullptr, nullptr, nullptr, nullptr, &Switches::if_remove_orbit},
+    {"if_check_loop_closure", Kind::switch_, nullptr, nullptr, nullptr, nullptr, &Switches::if_check_loop_closure},
+    {"minimum_temporal_ifg_ratio", Kind::ratio, nullptr, nullptr, nullptr},
+    {"if_remove_eds", Kind::switch_, nullptr, nullptr, nullptr, nullptr, &Switches::if_remove_eds},
+    {"if_inverse_time_series", Kind::switch_, nullptr, nullptr, nullptr, nullptr,
+     &Switches::if_inverse_time_series},
+    {"if_apply_filter", Kind::switch_, nullptr, nullptr, nullptr, nullptr, &Switches::if_apply_filter},
+    {"if_stacking", Kind::switch_, nullptr, nullptr, nullptr, nullptr, &Switches::if_stacking},
 };
 
 FILE* open_text(const std::string& path, const char* what)
@@ -83,6 +96,9 @@ Settings read_settings(const std::string& path)
             if (k.kind == Kind::path) settings.*k.path = value;
             else if (k.kind == Kind::integer) settings.*k.integer = lib::int_prefix(value);
             else if (k.kind == Kind::real) settings.*k.real = static_cast<float>(lib::double_prefix(value));
+            else if (k.kind == Kind::switch_) settings.switches.*k.flag = lib::int_prefix(value);
+            else if (k.kind == Kind::ratio)
+                settings.switches.minimum_temporal_ifg_ratio = static_cast<float>(lib::double_prefix(value));
             else settings.*k.length = lib::double_prefix(value);
         }
     });
@@ -158,7 +174,9 @@ Job read_job(const std::string& path)
     job.resultfolder = resolve(folder, settings.resultfolder);
     job.headerfile = resolve(folder, settings.headerfile);
     job.filelist = resolve(folder, settings.filelist);
+    job.datafolder = resolve(folder, settings.datafolder);
     job.baselines = resolve(folder, settings.baselines);
+    job.switches = settings.switches;
     job.wavelength = settings.wavelength;
     job.grid = read_grid(job.headerfile);
     job.ref_row = settings.ref_row;

@@ -18,9 +18,11 @@ namespace {
 const char* const kUsage =
     "Usage: sbas-view COMMAND ...\n"
     "\n"
-    "  export RESULTDIR --config CFG [--out DIR] [--unit rad|mm|m]\n"
+    "  export RESULTDIR --config CFG [--out DIR] [--unit rad|mm|m] [--keep-undetermined]\n"
     "      every raster of RESULTDIR as a Cloud-Optimised GeoTIFF, and the\n"
-    "      displacement history as one NetCDF-CF cube (default DIR: RESULTDIR/export)\n"
+    "      displacement history as one NetCDF-CF cube (default DIR: RESULTDIR/export);\n"
+    "      pixels whose network is split are left as no data unless kept, and\n"
+    "      undetermined.tif marks them\n"
     "  map RASTER --config CFG -o PNG [--unit rad|mm|m] [--size WxH]\n"
     "      a map of one raster of a result folder\n"
     "  series RESULTDIR --config CFG (--pixel ROW COL | --lonlat LON LAT) -o PNG\n"
@@ -104,6 +106,7 @@ void export_command(Arguments args)
         const std::string arg = args.take();
         if (arg == "--config") o.config = args.value_of(arg);
         else if (arg == "--out") o.out_dir = args.value_of(arg);
+        else if (arg == "--keep-undetermined") o.keep_undetermined = true;
         else if (arg == "--unit") o.unit = view::parse_unit(args.value_of(arg));
         else positional(o.result_dir, arg);
     }
