@@ -60,4 +60,7 @@ struct NetworkOptions {
 };
 void run_network(const NetworkOptions& options);
 
+// The network figure of `job` as a PNG at `png` (the output already claimed).
+void draw_network(const Job& job, const std::string& png, PageSize size);
+
 }  // namespace view

@@ -15,6 +15,7 @@
 
 #include "view/commands.h"
 #include "view/fail.h"
+#include "view/guard.h"
 #include "view/outputs.h"
 
 namespace view {
@@ -98,8 +99,14 @@ void run_export(const ExportOptions& options)
     Provenance provenance{&job, reference_of(job, options.result_dir), options.unit};
     bool estimates = false;
     for (const std::string& name : names) estimates = estimates || quantity_of(name)->inversion;
+    const bool determine = estimates && !options.keep_undetermined;
+    std::vector<std::string> outputs;
+    for (const std::string& name : names) outputs.push_back(out + "/" + name + ".tif");
+    if (determine) outputs.push_back(out + "/undetermined.tif");
+    if (dates.size() > 1) outputs.push_back(out + "/displacement.nc");
+    claim_outputs(job_inputs(job, options.result_dir, determine), outputs);
     Determination determination;
-    if (estimates && !options.keep_undetermined) {
+    if (determine) {
         determination = find_undetermined(job, options.result_dir);
         provenance.blank = &determination;
     }

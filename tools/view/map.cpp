@@ -23,6 +23,7 @@
 
 #include "view/commands.h"
 #include "view/fail.h"
+#include "view/guard.h"
 #include "view/outputs.h"
 #include "view/plot.h"
 
@@ -123,6 +124,9 @@ void run_map(const MapOptions& options)
         std::fprintf(stderr, "sbas-view: note: %s is in %s; --unit does not apply\n", q.name.c_str(),
                      q.base_unit.c_str());
 
+    com::FileIdentities inputs = job_inputs(job, folder_of(options.raster), q.inversion);
+    com::add_file(inputs, options.raster);
+    claim_outputs(inputs, {options.png});
     // Estimates of pixels whose network is split are drawn apart, in dark grey.
     Determination undetermined;
     if (q.inversion) undetermined = find_undetermined(job, folder_of(options.raster));

@@ -18,6 +18,7 @@
 #include "view/commands.h"
 #include "view/determined.h"
 #include "view/fail.h"
+#include "view/guard.h"
 #include "view/outputs.h"
 #include "view/plot.h"
 
@@ -239,6 +240,9 @@ void run_series(const SeriesOptions& options)
              static_cast<long long>(row), static_cast<long long>(col), static_cast<long long>(grid.length),
              static_cast<long long>(grid.width));
     }
+    std::vector<std::string> outputs = {options.png};
+    if (!options.csv.empty()) outputs.push_back(options.csv);
+    claim_outputs(job_inputs(job, options.result_dir, true), outputs);
     const History history = read_history(options, job, row, col);
     if (history.undetermined)
         std::fprintf(stderr,
