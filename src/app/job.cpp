@@ -40,6 +40,7 @@ lib::Status require_folder(const char* key, const char* path)
 lib::Result<JOB> load_job(const char* path)
 {
     SBAS_TAKE(CFG cfg, lib::read_settings(path));
+    SBAS_TRY(lib::check_model(cfg));
     SBAS_TAKE(const HEADER header, com::readheader(cfg.headerfile));
     if (cfg.ref_lat >= -90 && cfg.ref_lat <= 90 && cfg.ref_lon >= -180 && cfg.ref_lon <= 180) {
         cfg.ref_row = pixel_of(cfg.ref_lat, header.Y_FIRST, header.Y_STEP);

@@ -27,20 +27,14 @@
 #include <vector>
 
 #include "catalogue/raster.h"
+#include "catalogue/same_file.h"
 #include "config/cfg.h"
 #include "numerics/error.h"
 
 namespace sbas {
 namespace {
 
-using Identity = std::pair<dev_t, ino_t>;
-
-void add_input(std::map<Identity, std::string>& inputs, const std::string& path)
-{
-    struct stat st {};
-    if (stat(path.c_str(), &st) == 0) inputs.emplace(Identity{st.st_dev, st.st_ino}, path);
-    if (lstat(path.c_str(), &st) == 0) inputs.emplace(Identity{st.st_dev, st.st_ino}, path);
-}
+using com::add_file;
 
 std::vector<int> network_dates(const CFG& cfg)
 {
@@ -102,27 +96,24 @@ void for_each_output(const CFG& cfg, const std::function<void(const std::string&
 
 lib::Status refuse_outputs_over_inputs(const CFG& cfg, const char* config_path)
 {
-    std::map<Identity, std::string> inputs;
-    add_input(inputs, config_path);
-    add_input(inputs, cfg.headerfile);
-    add_input(inputs, cfg.filelist);
-    if (cfg.if_inverse_time_series != 0 && cfg.if_est_hgt == 1) add_input(inputs, cfg.baselines);
+    com::FileIdentities inputs;
+    add_file(inputs, config_path);
+    add_file(inputs, cfg.headerfile);
+    add_file(inputs, cfg.filelist);
+    if (cfg.if_inverse_time_series != 0 && cfg.if_est_hgt == 1) add_file(inputs, cfg.baselines);
     if (cfg.if_remove_eds == 1) {
-        add_input(inputs, cfg.demfile);
-        add_input(inputs, cfg.demfile_header);
+        add_file(inputs, cfg.demfile);
+        add_file(inputs, cfg.demfile_header);
     }
-    for (const std::string& name : cfg.ifg_names) add_input(inputs, com::join_path(cfg.datafolder, name.c_str()).c_str());
+    for (const std::string& name : cfg.ifg_names) add_file(inputs, com::join_path(cfg.datafolder, name.c_str()).c_str());
 
     std::optional<lib::Error> overlap;
     for_each_output(cfg, [&](const std::string& name) {
         if (overlap) return;
         const com::Path output = com::join_path(cfg.resultfolder, name.c_str());
-        struct stat st {};
-        if (lstat(output.c_str(), &st) != 0) return;
-        const auto input = inputs.find(Identity{st.st_dev, st.st_ino});
-        if (input != inputs.end())
+        if (const std::string* input = com::same_file(inputs, output.c_str(), false))
             overlap = lib::error(lib::Fault::overlap, output.c_str(), lib::Stream::err,
-                                 "output %s would overwrite the input %s\n", output.c_str(), input->second.c_str());
+                                 "output %s would overwrite the input %s\n", output.c_str(), input->c_str());
     });
     if (overlap) return std::move(*overlap);
     return {};

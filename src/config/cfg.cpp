@@ -146,16 +146,18 @@ Result<CFG> read_settings(const char* path)
     cfg.ref_lon = -9999;
     SBAS_TAKE(const File file, fopen_zq(path, "r"));
     SBAS_TRY(read_keyed(file.get(), path, kKeys, cfg));
+    return cfg;
+}
 
+Status check_model(const CFG& cfg)
+{
     // The inversion knows no other models; say so now rather than write
     // meaningless maps at the end of a long run.
-    if (cfg.if_inverse_time_series != 0) {
-        if (cfg.temporal_constraint < 0 || cfg.temporal_constraint > 2)
-            return unsupported("temporal_constraint", cfg.temporal_constraint,
-                               "0 (none), 1 (linear) or 2 (logarithmic)");
-        if (cfg.if_est_hgt != 0 && cfg.if_est_hgt != 1) return unsupported("if_est_hgt", cfg.if_est_hgt, "0 or 1");
-    }
-    return cfg;
+    if (cfg.if_inverse_time_series == 0) return {};
+    if (cfg.temporal_constraint < 0 || cfg.temporal_constraint > 2)
+        return unsupported("temporal_constraint", cfg.temporal_constraint, "0 (none), 1 (linear) or 2 (logarithmic)");
+    if (cfg.if_est_hgt != 0 && cfg.if_est_hgt != 1) return unsupported("if_est_hgt", cfg.if_est_hgt, "0 or 1");
+    return {};
 }
 
 }  // namespace lib

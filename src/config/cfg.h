@@ -86,10 +86,13 @@ namespace lib {
 void cfg_init(CFG* cfg);
 
 // The settings of the configuration file at `path` over the defaults, with
-// ref_lat and ref_lon at -9999 (not given) unless the file sets them. A
-// temporal_constraint or if_est_hgt the inversion cannot use is reported
-// when the inversion runs. Reads nothing but the file: the whole job (header,
-// reference pixel, folders, list) is loaded by lib::loadcfg (app/job.h).
+// ref_lat and ref_lon at -9999 (not given) unless the file sets them. Reads
+// nothing but the file: the whole job (header, reference pixel, folders,
+// list) is loaded by lib::loadcfg (app/job.h).
 Result<CFG> read_settings(const char* path);
+
+// Reports a temporal_constraint other than 0, 1, 2 or an if_est_hgt other
+// than 0, 1 when the inversion runs ("%s %d is not supported: use ...").
+Status check_model(const CFG& cfg);
 
 }  // namespace lib

@@ -20,6 +20,7 @@
 #include "catalogue/header.h"
 #include "config/cfg.h"
 #include "support/child.h"
+#include "support/errors.h"
 #include "support/runs.h"
 
 namespace {
@@ -98,14 +99,14 @@ TEST(Prep, LonLatFolderGivesHeaderOfCentresListAndConfig)
 
     EXPECT_EQ(read_text(dir / "job/ifg_header.txt"),
               "WIDTH 4\nFILE_LENGTH 3\nX_FIRST 100.125\nY_FIRST 30.875\nX_STEP 0.25\nY_STEP -0.25\n");
-    const HEADER h = com::readheader((dir / "job/ifg_header.txt").c_str());
+    const HEADER h = testing_support::must(com::readheader((dir / "job/ifg_header.txt").c_str()));
     EXPECT_EQ(h.X_FIRST + 3 * h.X_STEP, 100.875);  // centre of the last column
     EXPECT_EQ(read_text(dir / "job/config.txt"),
               "# job written by sbas-prep\nresultfolder " + dir / "job/result" + "\nheaderfile " +
                   dir / "job/ifg_header.txt" + "\nfilelist " + dir / "job/ifg_list.txt" + "\ndatafolder " +
                   dir / "job/ifg" + "\nwavelength 0.0555\n");
     CFG cfg;
-    com::readfilenamelist(&cfg, (dir / "job/ifg_list.txt").c_str());
+    testing_support::must(com::readfilenamelist(&cfg, (dir / "job/ifg_list.txt").c_str()));
     ASSERT_EQ(cfg.ifg_names.size(), 3u);
     EXPECT_EQ(cfg.ifg_names[1], "geo_20200101_20200125.unw");
     EXPECT_EQ(cfg.ifg_date1[2], 20200113);
@@ -136,7 +137,7 @@ TEST(Prep, UtmFolderIsWarpedAndNeedsTheWavelength)
     EXPECT_TRUE(contains(o.out, "skipped files: 2 coherence, 2 DEM")) << o.out;
     EXPECT_TRUE(contains(o.out, "warped 2 raster(s) from WGS 84 / UTM zone 33N (EPSG:32633) to WGS 84")) << o.out;
     EXPECT_EQ(read_text(dir / "job/ifg_list.txt"), "geo_20200105_20200117.unw\ngeo_20200105_20200129.unw\n");
-    const HEADER h = com::readheader((dir / "job/ifg_header.txt").c_str());
+    const HEADER h = testing_support::must(com::readheader((dir / "job/ifg_header.txt").c_str()));
     // Easting 500 km is the zone's central meridian, 15 E; northing 5000 km
     // lies near 45.1 N.
     EXPECT_NEAR(h.X_FIRST, 15.0, 0.01);

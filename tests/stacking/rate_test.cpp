@@ -19,6 +19,7 @@
 #include "config/cfg.h"
 #include "stacking/stacking.h"
 #include "support/child.h"
+#include "support/errors.h"
 
 namespace {
 
@@ -52,7 +53,7 @@ TEST(StackingFit, HandWorkedPixelsAndTheRejectionTest)
         std::snprintf(cfg.resultfolder, sizeof cfg.resultfolder, "%s", dir.path().c_str());
         cfg.minimum_temporal_ifg_ratio = ratio;
         cfg.max_parallel_threads = 2;
-        rstacking::stacking(cfg, row_pointers.data(), intervals, 0, 5);
+        testing_support::must(rstacking::stacking(cfg, row_pointers.data(), intervals, 0, 5));
         const char* outputs[] = {"", "_residual", "_sigma"};
         for (int q = 0; q < 3; ++q) {
             std::vector<float> expected;

@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cmath>
 #include <numbers>
@@ -232,6 +234,62 @@ TEST_F(ViewTest, BadArgumentsGiveOneMessageAndAFailureStatus)
         EXPECT_LE(std::count(run.err.begin(), run.err.end(), '\n'), c.status == 2 ? 2 : 1) << run.err;
         EXPECT_EQ(run.out, "");
     }
+}
+
+TEST_F(ViewTest, OutputsThatAreInputsAreRefusedAndLinksAtOutputNamesReplaced)
+{
+    const std::string config = path("config.txt"), result = path("result"),
+                      velocity = path("result/linear_mean_velocity");
+    make_dir(path("out"));
+    ASSERT_EQ(symlink(config.c_str(), path("to-config.png").c_str()), 0);
+    ASSERT_EQ(link(path("list.txt").c_str(), path("out/linear_mean_velocity.tif").c_str()), 0);
+    const auto before = files_under(job_.folder());
+    const struct {
+        std::vector<std::string> args;
+        const char* input;
+    } cases[] = {
+        {{"map", velocity, "--config", config, "-o", velocity}, "linear_mean_velocity"},
+        {{"map", velocity, "--config", config, "-o", path("to-config.png")}, "config.txt"},
+        {{"series", result, "--config", config, "--pixel", "1", "2", "-o", path("x.png"), "--csv", path("header.txt")},
+         "header.txt"},
+        {{"series", result, "--config", config, "--pixel", "1", "2", "-o", path("ifg/geo_20200101_20200113.unw")},
+         "geo_20200101_20200113.unw"},
+        {{"network", "--config", config, "-o", path("bperp.txt")}, "bperp.txt"},
+        {{"export", result, "--config", config, "--out", path("out")}, "list.txt"},
+        {{"report", result, "--config", config, "-o", path("result/refpoint")}, "refpoint"},
+    };
+    write_text(path("result/refpoint"), "refpoint row: 1\nrefpoint col: 2\n");
+    for (const auto& c : cases) {
+        const Outcome run = view(c.args);
+        SCOPED_TRACE(c.input);
+        EXPECT_EQ(run.status, 1);
+        EXPECT_TRUE(contains(run.err, "would overwrite the input") && contains(run.err, c.input)) << run.err;
+    }
+    auto after = files_under(job_.folder());
+    after.erase("result/refpoint");
+    EXPECT_EQ(after, before);
+
+    // A link at an output's name to a file that is not read is replaced, not written through.
+    write_text(path("elsewhere.png"), "keep");
+    ASSERT_EQ(symlink(path("elsewhere.png").c_str(), path("link.png").c_str()), 0);
+    const Outcome run = view({"network", "--config", config, "-o", path("link.png")});
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(read_text(path("elsewhere.png")), "keep");
+}
+
+TEST_F(ViewTest, TheReferencePixelsHistoryIsDrawnAsZeros)
+{
+    // Pixel 0 is 0 in every map: as the reference, its history is zero.
+    write_text(path("config.txt"), "resultfolder result\nheaderfile header.txt\nfilelist list.txt\ndatafolder ifg\n");
+    write_text(path("result/refpoint"), "refpoint position: 0\nrefpoint row: 0\nrefpoint col: 0\n");
+    const Outcome run = view({"series", path("result"), "--config", path("config.txt"), "--pixel", "0", "0", "-o",
+                              path("ref.png"), "--csv", path("ref.csv")});
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(read_text(path("ref.csv")),
+              "date,days_since_first,displacement_rad,filtered_rad,mean_velocity_line_rad\n"
+              "2020-01-01,0,0,0,0\n"
+              "2020-01-13,12,0,,0\n"
+              "2020-01-25,24,0,,0\n");
 }
 
 }  // namespace

@@ -5,6 +5,8 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "view/rasters.h"
 
@@ -22,6 +24,7 @@ struct ExportOptions {
     std::string config;
     std::string out_dir;  // empty: RESULTDIR/export
     Unit unit = Unit::rad;
+    bool keep_undetermined = false;  // keep the raw values of undetermined pixels
 };
 void run_export(const ExportOptions& options);
 
@@ -58,5 +61,17 @@ struct NetworkOptions {
     PageSize size;
 };
 void run_network(const NetworkOptions& options);
+
+// report RESULTDIR --config CFG -o HTML [--pixel R,C ...]
+struct ReportOptions {
+    std::string result_dir;
+    std::string config;
+    std::string html;
+    std::vector<std::pair<int64_t, int64_t>> pixels;  // held in full whatever the decimation
+};
+void run_report(const ReportOptions& options);
+
+// The network figure of `job` as a PNG at `png` (the output already claimed).
+void draw_network(const Job& job, const std::string& png, PageSize size);
 
 }  // namespace view

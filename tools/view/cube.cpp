@@ -88,7 +88,7 @@ void write_history(const Cube& cube, int var, const std::string& result_dir, con
     for (size_t k = 1; k < dates.size(); ++k) {
         const std::string name = culmap_name(dates[k], dates[0]) + suffix;
         const Quantity q = *quantity_of(name);
-        const std::vector<float> map = load_converted(result_dir + "/" + name, q, grid, p.unit, p.job->wavelength);
+        const std::vector<float> map = load_converted(result_dir + "/" + name, q, grid, p.unit, p.job->wavelength, p.blank);
         for (size_t i = 0; i < map.size(); ++i) has_data[i] |= !std::isnan(map[i]);
         start[0] = k;
         cube.check(nc_put_vara_float(cube.id, var, start, count, map.data()));
@@ -165,6 +165,11 @@ void write_cube(const std::string& path, const std::string& result_dir, const st
         cube.integer(NC_GLOBAL, "reference_col", p.reference.col);
         cube.real(NC_GLOBAL, "reference_lon", grid.lon(static_cast<double>(p.reference.col)));
         cube.real(NC_GLOBAL, "reference_lat", grid.lat(static_cast<double>(p.reference.row)));
+    }
+    if (p.blank && !p.blank->bridged) {
+        cube.integer(NC_GLOBAL, "undetermined_pixels", p.blank->undetermined_count);
+        cube.text(NC_GLOBAL, "undetermined_note",
+                  "pixels whose valid interferograms do not connect all dates are fill values");
     }
     cube.check(nc_enddef(cube.id));
 

@@ -15,6 +15,7 @@
 
 #include "view/commands.h"
 #include "view/fail.h"
+#include "view/guard.h"
 #include "view/outputs.h"
 
 namespace view {
@@ -44,13 +45,28 @@ void make_folder(const std::string& dir)
 }  // namespace
 
 std::vector<float> load_converted(const std::string& path, const Quantity& q, const Grid& grid, Unit unit,
-                                  double wavelength)
+                                  double wavelength, const Determination* blank)
 {
     std::vector<float> values = read_raster(path, grid);
     const double factor = unit_factor(q, unit, wavelength);
     for (float& v : values)
         v = holds_data(q, v) ? static_cast<float>(v * factor) : std::nanf("");
+    if (blank && q.inversion && !blank->bridged)
+        for (size_t i = 0; i < values.size(); ++i)
+            if (blank->undetermined[i]) values[i] = std::nanf("");
     return values;
+}
+
+static void note_undetermined(const Determination& d, const char* what)
+{
+    if (d.bridged)
+        std::fprintf(stderr, "sbas-view: note: the temporal constraint ties every date, so no pixel is undetermined\n");
+    else
+        std::fprintf(stderr,
+                     "sbas-view: note: %lld pixels are undetermined (their valid interferograms do not connect all "
+                     "dates) and %s; %lld pixels have no estimate\n",
+                     static_cast<long long>(d.undetermined_count), what,
+                     static_cast<long long>(d.no_estimate_count));
 }
 
 void run_export(const ExportOptions& options)
@@ -81,11 +97,38 @@ void run_export(const ExportOptions& options)
     const std::string out = options.out_dir.empty() ? options.result_dir + "/export" : options.out_dir;
     make_folder(out);
     Provenance provenance{&job, reference_of(job, options.result_dir), options.unit};
+    bool estimates = false;
+    for (const std::string& name : names) estimates = estimates || quantity_of(name)->inversion;
+    const bool determine = estimates && !options.keep_undetermined;
+    std::vector<std::string> outputs;
+    for (const std::string& name : names) outputs.push_back(out + "/" + name + ".tif");
+    if (determine) outputs.push_back(out + "/undetermined.tif");
+    if (dates.size() > 1) outputs.push_back(out + "/displacement.nc");
+    claim_outputs(job_inputs(job, options.result_dir, determine), outputs);
+    Determination determination;
+    if (determine) {
+        determination = find_undetermined(job, options.result_dir);
+        provenance.blank = &determination;
+    }
     for (const std::string& name : names) {
         const Quantity q = *quantity_of(name);
         std::vector<float> values =
-            load_converted(options.result_dir + "/" + name, q, job.grid, options.unit, job.wavelength);
+            load_converted(options.result_dir + "/" + name, q, job.grid, options.unit, job.wavelength, provenance.blank);
         const std::string tif = out + "/" + name + ".tif";
+        write_geotiff(tif, values, q, provenance);
+        std::printf("%s\n", tif.c_str());
+    }
+    if (provenance.blank) {
+        Quantity q;
+        q.name = "undetermined";
+        q.description = "undetermined pixels: 1 where the valid interferograms do not connect all dates (left as no "
+                        "data in the other layers), 0 elsewhere";
+        q.base_unit = "1";
+        q.zero_is_nodata = false;
+        q.signed_values = false;
+        std::vector<float> values(determination.undetermined.begin(), determination.undetermined.end());
+        if (values.empty()) values.assign(static_cast<size_t>(job.grid.pixels()), 0.0f);
+        const std::string tif = out + "/undetermined.tif";
         write_geotiff(tif, values, q, provenance);
         std::printf("%s\n", tif.c_str());
     }
@@ -94,6 +137,7 @@ void run_export(const ExportOptions& options)
         write_cube(cube, options.result_dir, dates, filtered, provenance);
         std::printf("%s\n", cube.c_str());
     }
+    if (provenance.blank) note_undetermined(determination, "left as no data (--keep-undetermined keeps them)");
 }
 
 }  // namespace view

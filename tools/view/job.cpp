@@ -1,12 +1,11 @@
 // Reading a job the way sbas-ts reads it, without its stops.
 //
-// The configuration, the header and the list are split into fields by the
-// same line reader as sbas-ts (lib::for_each_line, lib::substr), numbers are
-// converted by the same prefix rules, and the keys read here are compared in
-// the same relative order, so a file means the same to both programs, key
-// order rule included. What differs is what happens on bad input: sbas-view
-// names the file and stops with a failure status, and it checks the grid
-// before it sizes anything by it.
+// The configuration, the header and the list are read by sbas-ts's own
+// readers (lib::read_settings, com::readheader, com::readfilenamelist), so a
+// file means the same to both programs, defaults and key order rule
+// included. What differs is what happens on bad input: sbas-view names the
+// file and stops with a failure status, and it checks the grid before it
+// sizes anything by it.
 #include "view/job.h"
 
 #include <sys/stat.h>
@@ -20,44 +19,12 @@
 
 #include "catalogue/filelist.h"
 #include "catalogue/header.h"
+#include "config/cfg.h"
 #include "config/text.h"
 #include "view/fail.h"
 
 namespace view {
 namespace {
-
-// The configuration as far as sbas-view reads it. Members hold the raw
-// values; paths are resolved afterwards.
-struct Settings {
-    std::string resultfolder, headerfile, filelist, baselines;
-    int64_t ref_row = 0, ref_col = 0;
-    float ref_lat = -9999, ref_lon = -9999;  // sbas-ts's "not given"
-    double wavelength = 0.055165;            // sbas-ts's default, metres
-};
-
-enum class Kind { path, integer, real, length };
-
-struct Key {
-    const char* name;
-    Kind kind;
-    std::string Settings::*path;
-    int64_t Settings::*integer;
-    float Settings::*real;
-    double Settings::*length = nullptr;
-};
-
-// In sbas-ts's comparison order (a subset of its keys).
-const Key kKeys[] = {
-    {"resultfolder", Kind::path, &Settings::resultfolder, nullptr, nullptr},
-    {"headerfile", Kind::path, &Settings::headerfile, nullptr, nullptr},
-    {"filelist", Kind::path, &Settings::filelist, nullptr, nullptr},
-    {"ref_row", Kind::integer, nullptr, &Settings::ref_row, nullptr},
-    {"ref_col", Kind::integer, nullptr, &Settings::ref_col, nullptr},
-    {"ref_lat", Kind::real, nullptr, nullptr, &Settings::ref_lat},
-    {"ref_lon", Kind::real, nullptr, nullptr, &Settings::ref_lon},
-    {"baselines", Kind::path, &Settings::baselines, nullptr, nullptr},
-    {"wavelength", Kind::length, nullptr, nullptr, nullptr, &Settings::wavelength},
-};
 
 FILE* open_text(const std::string& path, const char* what)
 {
@@ -67,27 +34,15 @@ FILE* open_text(const std::string& path, const char* what)
     return file;
 }
 
-Settings read_settings(const std::string& path)
+// The configuration read by sbas-ts's own reader (lib::read_settings): the
+// same keys, defaults, conversions and key-order rule. Its errors end
+// sbas-view with a failure status, naming the file.
+CFG read_configuration(const std::string& path)
 {
-    Settings settings;
-    FILE* file = open_text(path, "configuration");
-    lib::for_each_line(file, path.c_str(), false, [&](char* line) {
-        lib::strtruc(line);
-        char key[lib::kFieldBytes];
-        char value[lib::kFieldBytes];
-        lib::substr(key, line, 1);
-        for (const Key& k : kKeys) {
-            if (std::strcmp(key, k.name) != 0) continue;
-            lib::substr(value, line, 2);
-            std::strcpy(key, value);
-            if (k.kind == Kind::path) settings.*k.path = value;
-            else if (k.kind == Kind::integer) settings.*k.integer = lib::int_prefix(value);
-            else if (k.kind == Kind::real) settings.*k.real = static_cast<float>(lib::double_prefix(value));
-            else settings.*k.length = lib::double_prefix(value);
-        }
-    });
-    std::fclose(file);
-    return settings;
+    if (!is_file(path)) fail("configuration %s is not a readable file", path.c_str());
+    lib::Result<CFG> read = lib::read_settings(path.c_str());
+    if (!read.ok()) fail("configuration %s: %s", path.c_str(), read.error().message.c_str());
+    return std::move(*read);
 }
 
 Grid read_grid(const std::string& path)
@@ -95,7 +50,7 @@ Grid read_grid(const std::string& path)
     if (path.empty()) fail("the configuration names no headerfile");
     if (!is_file(path)) fail("header %s is not a readable file", path.c_str());
     const lib::Result<HEADER> read = com::readheader(path.c_str());
-    if (!read.ok()) fail("%s", read.error().message.c_str());
+    if (!read.ok()) fail("header %s: %s", path.c_str(), read.error().message.c_str());
     const HEADER header = *read;
     Grid grid{header.WIDTH, header.FILE_LENGTH, header.X_FIRST, header.Y_FIRST, header.X_STEP, header.Y_STEP};
     if (grid.width < 1 || grid.length < 1)
@@ -153,14 +108,18 @@ std::string resolve(const std::string& folder, const std::string& path)
 
 Job read_job(const std::string& path)
 {
-    const Settings settings = read_settings(path);
+    const CFG settings = read_configuration(path);
     const std::string folder = folder_of(path);
     Job job;
     job.config = path;
     job.resultfolder = resolve(folder, settings.resultfolder);
     job.headerfile = resolve(folder, settings.headerfile);
     job.filelist = resolve(folder, settings.filelist);
+    job.datafolder = resolve(folder, settings.datafolder);
     job.baselines = resolve(folder, settings.baselines);
+    job.switches = Switches{settings.temporal_constraint, settings.if_est_hgt,        settings.if_check_loop_closure,
+                            settings.if_remove_orbit,     settings.if_remove_eds,     settings.if_inverse_time_series,
+                            settings.if_apply_filter,     settings.if_stacking,       settings.minimum_temporal_ifg_ratio};
     job.wavelength = settings.wavelength;
     job.grid = read_grid(job.headerfile);
     job.ref_row = settings.ref_row;
@@ -175,27 +134,15 @@ Job read_job(const std::string& path)
 std::vector<Pair> read_pairs(const std::string& path)
 {
     if (path.empty()) fail("the configuration names no filelist");
+    if (!is_file(path)) fail("interferogram list %s is not a readable file", path.c_str());
+    CFG list;
+    const lib::Status read = com::readfilenamelist(&list, path.c_str());
+    // sbas-ts's message names the line's name; this one names the file too.
+    if (!read.ok()) fail("interferogram list %s: %s", path.c_str(), read.error().message.c_str());
+    if (list.ifg_names.empty()) fail("interferogram list %s is empty", path.c_str());
     std::vector<Pair> pairs;
-    FILE* file = open_text(path, "interferogram list");
-    int line_number = 0;
-    bool bad = false;
-    std::string bad_name;
-    lib::for_each_line(file, path.c_str(), true, [&](char* line) {
-        ++line_number;
-        if (bad) return;
-        char name[lib::kFieldBytes];
-        lib::substr(name, line, 1);
-        Pair pair{name, com::phsfilename2date(name, 1), com::phsfilename2date(name, 2)};
-        if (pair.date1 == 0 || pair.date2 == 0) {
-            bad = true;
-            bad_name = std::to_string(line_number) + " ('" + name + "')";
-            return;
-        }
-        pairs.push_back(pair);
-    });
-    std::fclose(file);
-    if (bad) fail("interferogram list %s: line %s does not hold two dates yyyymmdd", path.c_str(), bad_name.c_str());
-    if (pairs.empty()) fail("interferogram list %s is empty", path.c_str());
+    for (size_t k = 0; k < list.ifg_names.size(); ++k)
+        pairs.push_back(Pair{list.ifg_names[k], list.ifg_date1[k], list.ifg_date2[k]});
     return pairs;
 }
 
@@ -204,12 +151,13 @@ std::vector<std::string> read_names(const std::string& path)
     std::vector<std::string> names;
     if (!is_file(path)) return names;
     FILE* file = open_text(path, "list");
-    lib::for_each_line(file, path.c_str(), true, [&](char* line) {
+    const lib::Status read = lib::for_each_line(file, path.c_str(), true, [&](char* line) {
         char name[lib::kFieldBytes];
         lib::substr(name, line, 1);
         if (std::strcmp(name, " ") != 0) names.emplace_back(name);
     });
     std::fclose(file);
+    if (!read.ok()) fail("%s", read.error().message.c_str());
     return names;
 }
 
@@ -259,11 +207,12 @@ Reference reference_of(const Job& job, const std::string& result_dir)
     FILE* file = open_text(report, "reference report");
     long long row = -1;
     long long col = -1;
-    lib::for_each_line(file, report.c_str(), true, [&](char* line) {
+    const lib::Status read = lib::for_each_line(file, report.c_str(), true, [&](char* line) {
         std::sscanf(line, "refpoint row: %lld", &row);
         std::sscanf(line, "refpoint col: %lld", &col);
     });
     std::fclose(file);
+    if (!read.ok()) fail("%s", read.error().message.c_str());
     reference = {on_grid(job.grid, row, col), row, col};
     return reference;
 }

@@ -25,6 +25,20 @@ struct Grid {
     double lat(double row) const { return y_first + row * y_step; }
 };
 
+// The switches of a run that tell which stages ran and how a pixel is
+// estimated, with sbas-ts's defaults.
+struct Switches {
+    int temporal_constraint = 0;  // 0 none, 1 linear, 2 logarithmic
+    int if_est_hgt = 0;           // 1: a DEM-error unknown per pixel
+    int if_check_loop_closure = 1;
+    int if_remove_orbit = 0;
+    int if_remove_eds = 0;
+    int if_inverse_time_series = 0;
+    int if_apply_filter = 1;
+    int if_stacking = 0;
+    float minimum_temporal_ifg_ratio = 0.5f;  // a float, as sbas-ts holds it
+};
+
 // The configuration keys sbas-view reads, with sbas-ts's defaults. Paths are
 // already resolved: a relative path in the file is taken relative to the
 // folder that holds the configuration file (the folder sbas-ts is usually
@@ -34,10 +48,12 @@ struct Job {
     std::string resultfolder;  // resolved paths; empty when the key is absent
     std::string headerfile;
     std::string filelist;
+    std::string datafolder;
     std::string baselines;
     double wavelength = 0;  // metres, as written in the configuration
     int64_t ref_row = 0;    // the given reference pixel; (0, 0) means none given
     int64_t ref_col = 0;
+    Switches switches;
     Grid grid;
 };
 

@@ -18,9 +18,11 @@ namespace {
 const char* const kUsage =
     "Usage: sbas-view COMMAND ...\n"
     "\n"
-    "  export RESULTDIR --config CFG [--out DIR] [--unit rad|mm|m]\n"
+    "  export RESULTDIR --config CFG [--out DIR] [--unit rad|mm|m] [--keep-undetermined]\n"
     "      every raster of RESULTDIR as a Cloud-Optimised GeoTIFF, and the\n"
-    "      displacement history as one NetCDF-CF cube (default DIR: RESULTDIR/export)\n"
+    "      displacement history as one NetCDF-CF cube (default DIR: RESULTDIR/export);\n"
+    "      pixels whose network is split are left as no data unless kept, and\n"
+    "      undetermined.tif marks them\n"
     "  map RASTER --config CFG -o PNG [--unit rad|mm|m] [--size WxH]\n"
     "      a map of one raster of a result folder\n"
     "  series RESULTDIR --config CFG (--pixel ROW COL | --lonlat LON LAT) -o PNG\n"
@@ -28,6 +30,9 @@ const char* const kUsage =
     "      one pixel's displacement history (ROW, COL from 0, as ref_row/ref_col)\n"
     "  network --config CFG -o PNG [--size WxH]\n"
     "      the interferogram network: dates against perpendicular baseline\n"
+    "  report RESULTDIR --config CFG -o HTML [--pixel ROW,COL ...]\n"
+    "      one self-contained HTML page: velocity map, click for a pixel's history,\n"
+    "      network and run summary; OUT.html#row=R&col=C opens at a pixel\n"
     "\n"
     "CFG is the configuration sbas-ts ran with; its relative paths are taken\n"
     "relative to the folder holding CFG. --unit converts phase to line-of-sight\n"
@@ -104,6 +109,7 @@ void export_command(Arguments args)
         const std::string arg = args.take();
         if (arg == "--config") o.config = args.value_of(arg);
         else if (arg == "--out") o.out_dir = args.value_of(arg);
+        else if (arg == "--keep-undetermined") o.keep_undetermined = true;
         else if (arg == "--unit") o.unit = view::parse_unit(args.value_of(arg));
         else positional(o.result_dir, arg);
     }
@@ -172,6 +178,27 @@ void network_command(Arguments args)
     view::run_network(o);
 }
 
+void report_command(Arguments args)
+{
+    view::ReportOptions o;
+    while (!args.done()) {
+        const std::string arg = args.take();
+        if (arg == "--config") o.config = args.value_of(arg);
+        else if (arg == "-o") o.html = args.value_of(arg);
+        else if (arg == "--pixel") {
+            const std::string value = args.value_of(arg);
+            const size_t comma = value.find(',');
+            if (comma == std::string::npos) view::usage_error("--pixel needs ROW,COL, not '%s'", value.c_str());
+            o.pixels.emplace_back(parse_integer(value.substr(0, comma), "--pixel ROW"),
+                                  parse_integer(value.substr(comma + 1), "--pixel COL"));
+        } else positional(o.result_dir, arg);
+    }
+    need(o.result_dir, "RESULTDIR");
+    need(o.config, "--config CFG");
+    need(o.html, "-o HTML");
+    view::run_report(o);
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -187,6 +214,7 @@ int main(int argc, char** argv)
     else if (command == "map") map_command(args);
     else if (command == "series") series_command(args);
     else if (command == "network") network_command(args);
+    else if (command == "report") report_command(args);
     else if (command.empty()) view::usage_error("no command given");
     else view::usage_error("unknown command '%s'", command.c_str());
     return 0;

@@ -23,6 +23,7 @@
 
 #include "view/commands.h"
 #include "view/fail.h"
+#include "view/guard.h"
 #include "view/outputs.h"
 #include "view/plot.h"
 
@@ -69,6 +70,28 @@ std::string format_limit(double value)
     return text;
 }
 
+// Dark grey over the image cells that hold no drawn value and at least one
+// undetermined pixel.
+void mark_undetermined(const Determination& d, const Image& image, const Grid& grid, int64_t f, double lon0,
+                       double lon1, double lat0, double lat1)
+{
+    const double w = (lon1 - lon0) / static_cast<double>(image.nx);
+    const double h = (lat1 - lat0) / static_cast<double>(image.ny);
+    plcol0(kDarkGrey);
+    for (int64_t r = 0; r < grid.length; ++r)
+        for (int64_t c = 0; c < grid.width; ++c) {
+            if (!d.at(r, c, grid.width)) continue;
+            const int64_t bx = grid.x_step > 0 ? c / f : image.nx - 1 - c / f;
+            const int64_t by = grid.y_step < 0 ? image.ny - 1 - r / f : r / f;
+            if (image.cells[static_cast<size_t>(bx * image.ny + by)] != kOffMap) continue;
+            const double x = lon0 + static_cast<double>(bx) * w;
+            const double y = lat0 + static_cast<double>(by) * h;
+            const double xs[] = {x, x + w, x + w, x};
+            const double ys[] = {y, y, y + h, y + h};
+            plfill(4, xs, ys);
+        }
+}
+
 void mark_reference(const Grid& grid, const Reference& ref, double width_deg, double height_deg)
 {
     const double x = grid.lon(static_cast<double>(ref.col));
@@ -101,7 +124,14 @@ void run_map(const MapOptions& options)
         std::fprintf(stderr, "sbas-view: note: %s is in %s; --unit does not apply\n", q.name.c_str(),
                      q.base_unit.c_str());
 
-    const std::vector<float> values = load_converted(options.raster, q, grid, options.unit, job.wavelength);
+    com::FileIdentities inputs = job_inputs(job, folder_of(options.raster), q.inversion);
+    com::add_file(inputs, options.raster);
+    claim_outputs(inputs, {options.png});
+    // Estimates of pixels whose network is split are drawn apart, in dark grey.
+    Determination undetermined;
+    if (q.inversion) undetermined = find_undetermined(job, folder_of(options.raster));
+    const std::vector<float> values =
+        load_converted(options.raster, q, grid, options.unit, job.wavelength, q.inversion ? &undetermined : nullptr);
     // The percentiles of every valid sample, or of an even sample of about
     // four million of them on larger grids (the limits change by far less
     // than a colour step, and memory stays at one raster).
@@ -162,6 +192,8 @@ void run_map(const MapOptions& options)
     plfill(4, bx, by);
     plimagefr(columns.data(), static_cast<int>(image.nx), static_cast<int>(image.ny), lon0, lon1, lat0, lat1, zmin,
               zmax, zmin, zmax, nullptr, nullptr);
+    if (undetermined.undetermined_count > 0)
+        mark_undetermined(undetermined, image, grid, f, lon0, lon1, lat0, lat1);
     if (ref.known) mark_reference(grid, ref, lon1 - lon0, lat1 - lat0);
     plcol0(kBlack);
     text_size(1.0);
@@ -204,6 +236,9 @@ void run_map(const MapOptions& options)
     else
         subtitle += ";  reference: scene mean";
     subtitle += ";  grey: no data";
+    if (undetermined.undetermined_count > 0)
+        subtitle += ";  dark grey: undetermined, network split (" + std::to_string(undetermined.undetermined_count) +
+                    " pixels)";
     titles(title.c_str(), subtitle.c_str());
     close_figure(options.png);
     std::printf("%s\n", options.png.c_str());

@@ -26,6 +26,7 @@
 #include "numerics/linalg.h"
 #include "view/commands.h"
 #include "view/fail.h"
+#include "view/guard.h"
 #include "view/plot.h"
 
 namespace view {
@@ -41,7 +42,7 @@ std::map<PairKey, double> read_baselines(const std::string& path)
     std::map<PairKey, double> found;
     FILE* file = std::fopen(path.c_str(), "r");
     if (!file) fail("cannot open baselines file %s", path.c_str());
-    lib::for_each_line(file, path.c_str(), true, [&](char* line) {
+    const lib::Status read = lib::for_each_line(file, path.c_str(), true, [&](char* line) {
         char name[lib::kFieldBytes];
         char value[lib::kFieldBytes];
         lib::substr(name, line, 1);
@@ -53,6 +54,7 @@ std::map<PairKey, double> read_baselines(const std::string& path)
         if (d1 && d2 && end != value && std::isfinite(bperp)) found[{d1, d2}] = bperp;
     });
     std::fclose(file);
+    if (!read.ok()) fail("%s", read.error().message.c_str());
     return found;
 }
 
@@ -130,9 +132,9 @@ void fit_dates(Network& n)
 
 }  // namespace
 
-void run_network(const NetworkOptions& options)
+void draw_network(const Job& job, const std::string& png, PageSize size)
 {
-    const Job job = read_job(options.config);
+    const NetworkOptions options{job.config, png, size};
     const std::vector<Pair> pairs = read_pairs(job.filelist);
     std::vector<std::string> deleted;
     if (!job.resultfolder.empty()) deleted = read_names(job.resultfolder + "/filelist_deleted");
@@ -245,6 +247,17 @@ void run_network(const NetworkOptions& options)
     text_size(1.0);
     if (have_baselines) plmtex("l", 4.5, 0.5, 0.5, "Perpendicular baseline (m)");
     close_figure(options.png);
+}
+
+void run_network(const NetworkOptions& options)
+{
+    const Job job = read_job(options.config);
+    com::FileIdentities inputs;
+    for (const std::string* path : {&job.config, &job.headerfile, &job.filelist, &job.baselines})
+        if (!path->empty()) com::add_file(inputs, *path);
+    if (!job.resultfolder.empty()) com::add_file(inputs, job.resultfolder + "/filelist_deleted");
+    claim_outputs(inputs, {options.png});
+    draw_network(job, options.png, options.size);
     std::printf("%s\n", options.png.c_str());
 }
 

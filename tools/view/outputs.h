@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "view/determined.h"
 #include "view/job.h"
 #include "view/rasters.h"
 
@@ -14,6 +15,7 @@ struct Provenance {
     const Job* job = nullptr;
     Reference reference;
     Unit unit = Unit::rad;
+    const Determination* blank = nullptr;  // undetermined pixels to write as NaN; none when null
 };
 
 // Writes `values` (one per pixel, no data already NaN, already in `unit`) as a
@@ -29,8 +31,10 @@ void write_geotiff(const std::string& path, std::vector<float>& values, const Qu
 void write_cube(const std::string& path, const std::string& result_dir, const std::vector<int>& dates,
                 bool filtered, const Provenance& p);
 
-// Reads the raster at `path`, marks its no data NaN and converts it to `unit`.
+// Reads the raster at `path`, marks its no data NaN and converts it to `unit`;
+// when `blank` is given and the quantity comes from the inversion, its
+// undetermined pixels become NaN too.
 std::vector<float> load_converted(const std::string& path, const Quantity& q, const Grid& grid, Unit unit,
-                                  double wavelength);
+                                  double wavelength, const Determination* blank = nullptr);
 
 }  // namespace view

@@ -105,6 +105,7 @@ std::optional<Quantity> quantity_of(const std::string& path)
     }
     if (parse_culmap(name, q.date, q.first_date)) {
         q.description = "line-of-sight displacement since the first date";
+        q.inversion = true;
         q.base_unit = "rad";
         q.scale = Scale::phase;
     } else {
@@ -117,6 +118,8 @@ std::optional<Quantity> quantity_of(const std::string& path)
         q.rate = found->rate;
         q.scale = found->scale;
         q.zero_is_nodata = found->zero_is_nodata;
+        q.inversion = name == "linear_mean_velocity" || name == "least_square_sigma" ||
+                      name == "baseline_dependent_dem_error";
         q.signed_values = found->signed_values;
     }
     if (q.filtered) q.description += ", filtered";

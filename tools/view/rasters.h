@@ -42,6 +42,7 @@ struct Quantity {
     int date = 0;                // culmap: the map's date, yyyymmdd
     int first_date = 0;          // culmap: the first date
     bool filtered = false;       // a ".filtered" version
+    bool inversion = false;      // estimated by the network inversion (or filtered from it)
 };
 
 // The quantity of a file name of a result folder (a path's last component is

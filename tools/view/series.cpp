@@ -16,7 +16,9 @@
 #include <cstring>
 
 #include "view/commands.h"
+#include "view/determined.h"
 #include "view/fail.h"
+#include "view/guard.h"
 #include "view/outputs.h"
 #include "view/plot.h"
 
@@ -30,6 +32,8 @@ struct History {
     std::vector<double> filtered;  // empty when absent
     double velocity = std::nan(""); // per year, in the output unit
     std::string unit, rate_unit;
+    bool reference = false;     // the reference pixel: zero by definition
+    bool undetermined = false;  // the pixel's network is split: the values mean nothing
 };
 
 History read_history(const SeriesOptions& o, const Job& job, int64_t row, int64_t col)
@@ -59,14 +63,24 @@ History read_history(const SeriesOptions& o, const Job& job, int64_t row, int64_
         if (have_filtered) h.filtered.push_back(k == 0 ? 0.0 : value(map + ".filtered"));
         any = any || (k > 0 && !std::isnan(h.raw.back()));
     }
+    // The reference pixel's history is zero by definition, which the maps
+    // write as 0, the no-data value: it is drawn as the zeros it is.
+    const Reference ref = reference_of(job, o.result_dir);
+    if (!any && ref.known && ref.row == row && ref.col == col) {
+        for (size_t k = 1; k < h.dates.size(); ++k) h.raw[k] = 0.0;
+        h.reference = true;
+        any = true;
+    }
     if (!any)
         fail("pixel row %lld, col %lld has no estimate in %s (0 in every map: too few valid interferograms)",
              static_cast<long long>(row), static_cast<long long>(col), o.result_dir.c_str());
+    h.undetermined = find_undetermined(job, o.result_dir, row, row + 1).at(row, col, job.grid.width);
     const std::string velocity_map = o.result_dir + "/linear_mean_velocity";
     if (is_file(velocity_map)) {
         const Quantity vq = *quantity_of(velocity_map);
         const float v = read_pixel(velocity_map, job.grid, row, col);
         if (holds_data(vq, v)) h.velocity = v * unit_factor(vq, o.unit, job.wavelength);
+        if (h.reference && std::isnan(h.velocity)) h.velocity = 0.0;
         h.rate_unit = unit_label(vq, o.unit);
     }
     return h;
@@ -190,6 +204,10 @@ void draw(const SeriesOptions& o, const History& h, const Grid& grid, int64_t ro
     std::string subtitle = "since " + iso_date(h.dates.front()) + ";  reference: ";
     subtitle += ref.known ? "pixel row " + std::to_string(ref.row) + ", col " + std::to_string(ref.col) : "scene mean";
     subtitle += ";  positive: phase increase (range increase)";
+    if (h.undetermined)
+        subtitle = "UNDETERMINED: the pixel's valid interferograms do not connect all dates; these values mean nothing";
+    else if (h.reference)
+        subtitle = "the reference pixel: its displacement is zero by definition;  since " + iso_date(h.dates.front());
     titles(title, subtitle.c_str());
     text_size(1.0);
     plmtex("l", 4.5, 0.5, 0.5, ("LOS displacement (" + h.unit + ")").c_str());
@@ -222,7 +240,15 @@ void run_series(const SeriesOptions& options)
              static_cast<long long>(row), static_cast<long long>(col), static_cast<long long>(grid.length),
              static_cast<long long>(grid.width));
     }
+    std::vector<std::string> outputs = {options.png};
+    if (!options.csv.empty()) outputs.push_back(options.csv);
+    claim_outputs(job_inputs(job, options.result_dir, true), outputs);
     const History history = read_history(options, job, row, col);
+    if (history.undetermined)
+        std::fprintf(stderr,
+                     "sbas-view: note: pixel row %lld, col %lld is undetermined: its valid interferograms do not "
+                     "connect all dates, so its values mean nothing\n",
+                     static_cast<long long>(row), static_cast<long long>(col));
     if (!options.csv.empty()) write_csv(options.csv, history);
     draw(options, history, grid, row, col, reference_of(job, options.result_dir));
 }
