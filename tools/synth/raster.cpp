@@ -4,7 +4,8 @@
 // Rasters are written as the host's floats in one fwrite, which is the file
 // format only on a little-endian host; the build refuses any other host.
 // Headers are printed with the shortest decimal that reads back exactly, so a
-// grid survives a round trip through its header bit for bit.
+// grid survives a round trip through its header bit for bit. Headers and
+// rasters are read with sbas-ts's own readers.
 #include "synth/raster.h"
 
 #include <bit>
@@ -14,6 +15,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "catalogue/header.h"
+#include "catalogue/raster.h"
 #include "synth/error.h"
 
 namespace synth {
@@ -57,39 +60,13 @@ void write_header(const std::string& path, const Grid& grid)
 
 Grid read_header(const std::string& path)
 {
-    std::ifstream in(path);
-    if (!in) throw Error("cannot open header " + path);
-    Grid grid;
-    bool have_width = false;
-    bool have_length = false;
-    std::string line;
-    while (std::getline(in, line)) {
-        std::istringstream fields(line);
-        std::string key;
-        std::string value;
-        if (!(fields >> key >> value)) continue;
-        char* end = nullptr;
-        const double number = std::strtod(value.c_str(), &end);
-        const bool numeric = end && *end == '\0';
-        if (key == "WIDTH" || key == "FILE_LENGTH") {
-            if (!numeric || number < 1 || number > 1e9 || number != std::floor(number))
-                throw Error("bad " + key + " '" + value + "' in " + path);
-            (key == "WIDTH" ? grid.width : grid.length) = static_cast<int>(number);
-            (key == "WIDTH" ? have_width : have_length) = true;
-            continue;
-        }
-        double* target = key == "X_FIRST"  ? &grid.x_first
-                         : key == "Y_FIRST" ? &grid.y_first
-                         : key == "X_STEP"  ? &grid.x_step
-                         : key == "Y_STEP"  ? &grid.y_step
-                                            : nullptr;
-        if (!target) continue;
-        if (!numeric) throw Error("bad " + key + " '" + value + "' in " + path);
-        *target = number;
-    }
-    if (!have_width || !have_length)
-        throw Error("header " + path + " lacks WIDTH or FILE_LENGTH");
-    return grid;
+    // sbas-ts's own reader, so that a header means the same to both.
+    const lib::Result<HEADER> read = com::readheader(path.c_str());
+    if (!read.ok()) throw Error("cannot read header " + path + ": " + read.error().message);
+    const HEADER& h = *read;
+    if (h.WIDTH < 1 || h.FILE_LENGTH < 1 || h.WIDTH > 1000000000 || h.FILE_LENGTH > 1000000000)
+        throw Error("header " + path + " lacks a WIDTH or FILE_LENGTH from 1 to 1e9");
+    return Grid{static_cast<int>(h.WIDTH), static_cast<int>(h.FILE_LENGTH), h.X_FIRST, h.Y_FIRST, h.X_STEP, h.Y_STEP};
 }
 
 void write_raster(const std::string& path, const float* data, std::size_t count)
@@ -103,16 +80,12 @@ void write_raster(const std::string& path, const float* data, std::size_t count)
 
 std::vector<float> read_raster(const std::string& path, const Grid& grid)
 {
-    const std::size_t count = static_cast<std::size_t>(grid.width) * grid.length;
-    FILE* file = std::fopen(path.c_str(), "rb");
-    if (!file) throw Error("cannot open raster " + path);
-    std::vector<float> data(count);
-    const std::size_t got = std::fread(data.data(), sizeof(float), count, file);
-    const bool at_end = got == count && std::fgetc(file) == EOF;
-    std::fclose(file);
-    if (!at_end)
+    const int64_t count = static_cast<int64_t>(grid.width) * grid.length;
+    std::vector<float> data(static_cast<std::size_t>(count));
+    const lib::Status read = com::read_raster(path.c_str(), 0, count, data.data());
+    if (!read.ok())
         throw Error("raster " + path + " does not hold " + std::to_string(grid.length) + " x " +
-                    std::to_string(grid.width) + " float32 samples");
+                    std::to_string(grid.width) + " float32 samples: " + read.error().message);
     return data;
 }
 

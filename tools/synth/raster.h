@@ -35,16 +35,17 @@ void write_text(const std::string& path, const std::string& text);
 // Y_STEP, one `KEY value` line each. Throws Error when the file can't be written.
 void write_header(const std::string& path, const Grid& grid);
 
-// Reads a header. WIDTH and FILE_LENGTH are required and must be positive;
-// the other keys default to 0 when absent; unknown keys are ignored.
-// Throws Error when the file is missing or malformed.
+// Reads a header with sbas-ts's reader (com::readheader). WIDTH and
+// FILE_LENGTH must be from 1 to 1e9; the other keys are 0 when absent;
+// unknown keys are ignored. Throws Error when the file is missing or the
+// sizes are out of range.
 Grid read_header(const std::string& path);
 
 // Writes `count` samples with one fwrite. Throws Error on failure.
 void write_raster(const std::string& path, const float* data, std::size_t count);
 
-// Reads a raster of grid.width * grid.length samples. Throws Error when the
-// file is missing or its size is not exactly that many samples.
+// Reads a raster of grid.width * grid.length samples with sbas-ts's reader
+// (com::read_raster). Throws Error when the file is missing or shorter.
 std::vector<float> read_raster(const std::string& path, const Grid& grid);
 
 }  // namespace synth

@@ -24,6 +24,7 @@
 
 #include "numerics/validity.h"
 #include "view/fail.h"
+#include "view/rasters.h"
 
 namespace view {
 namespace {
@@ -60,11 +61,7 @@ Network network_of(const Job& job, const std::string& result_dir)
 void read_rows(const std::string& path, const Grid& grid, int64_t row, int64_t rows, std::vector<float>& samples)
 {
     samples.resize(static_cast<size_t>(rows * grid.width));
-    FILE* file = std::fopen(path.c_str(), "rb");
-    const bool ok = file && std::fseek(file, static_cast<long>(row * grid.width * 4), SEEK_SET) == 0 &&
-                    std::fread(samples.data(), sizeof(float), samples.size(), file) == samples.size();
-    if (file) std::fclose(file);
-    if (!ok) fail("cannot read %s", path.c_str());
+    read_samples(path, row * grid.width, rows * grid.width, samples.data());
 }
 
 int root(std::vector<int>& parent, int i)

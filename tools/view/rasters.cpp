@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <numbers>
 
+#include "catalogue/raster.h"
 #include "numerics/validity.h"
 #include "view/fail.h"
 
@@ -152,11 +153,7 @@ std::vector<float> read_raster(const std::string& path, const Grid& grid)
 {
     check_size(path, grid);
     std::vector<float> samples(static_cast<size_t>(grid.pixels()));
-    FILE* file = std::fopen(path.c_str(), "rb");
-    if (!file) fail("cannot open raster %s", path.c_str());
-    const size_t read = std::fread(samples.data(), sizeof(float), samples.size(), file);
-    std::fclose(file);
-    if (read != samples.size()) fail("cannot read raster %s", path.c_str());
+    read_samples(path, 0, grid.pixels(), samples.data());
     return samples;
 }
 
@@ -164,13 +161,14 @@ float read_pixel(const std::string& path, const Grid& grid, int64_t row, int64_t
 {
     check_size(path, grid);
     float sample = 0;
-    FILE* file = std::fopen(path.c_str(), "rb");
-    if (!file) fail("cannot open raster %s", path.c_str());
-    const bool ok = std::fseek(file, static_cast<long>((row * grid.width + col) * 4), SEEK_SET) == 0 &&
-                    std::fread(&sample, sizeof sample, 1, file) == 1;
-    std::fclose(file);
-    if (!ok) fail("cannot read raster %s", path.c_str());
+    read_samples(path, row * grid.width + col, 1, &sample);
     return sample;
+}
+
+void read_samples(const std::string& path, int64_t first, int64_t count, float* out)
+{
+    const lib::Status read = com::read_raster(path.c_str(), first, count, out);
+    if (!read.ok()) fail("cannot read raster %s: %s", path.c_str(), read.error().message.c_str());
 }
 
 std::string culmap_name(int date, int first_date)

@@ -73,6 +73,10 @@ void check_raster(const std::string& path, const Grid& grid);
 // The sample of one pixel of the raster at `path` (size checked).
 float read_pixel(const std::string& path, const Grid& grid, int64_t row, int64_t col);
 
+// Samples [first, first + count) of the raster at `path`, read by sbas-ts's
+// reader (com::read_raster); a missing or short file ends sbas-view.
+void read_samples(const std::string& path, int64_t first, int64_t count, float* out);
+
 // The name of the displacement map of `date` ("culmap-DATE-FIRST.disp").
 std::string culmap_name(int date, int first_date);
 
