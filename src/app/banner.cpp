@@ -1,7 +1,7 @@
 // The banner names the method's literature and the compiled-in parallelism;
 // the licence notices are those of the program and of the FFTW library it
-// links. The contract fixes their line breaks, so they are written line by
-// line; tests/app/banner_test.cpp pins them.
+// links. Users' log parsers rely on their line breaks, which are kept as
+// they are and written line by line; tests/app/banner_test.cpp pins them.
 #include "app/banner.h"
 
 #include <cmath>

@@ -91,7 +91,7 @@ lib::Status spatial_filter(const CFG& cfg, const HEADER& header, const char* inp
     const int64_t pixels = pixel_count(header);
     const lib::Owned<float> raster(pixels);
     float* data = raster.get();
-    // The whole raster with the size check: a short file stops the run
+    // The whole raster with the size check: a short file is reported
     // rather than leaving part of the buffer unread.
     SBAS_TRY(read_raster(input, 0, pixels, data));
     for (int64_t i = 0; i < pixels; ++i)

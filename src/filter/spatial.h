@@ -23,15 +23,15 @@ namespace sbas {
 //   2, 5: no map;
 // then linear_mean_velocity and linear_stacking_mean_velocity to their
 // ".filtered" files. Missing inputs are skipped without a word. A value
-// outside 1..5 ends the run with "illegal parameters if_apply_filter = %d\n"
-// after the start banner.
+// outside 1..5 is reported as "illegal parameters if_apply_filter = %d\n"
+// after the start banner. `dates` are the run's dates, `header` its grid.
 lib::Status spatial_filter(CFG cfg, const HEADER& header, const std::vector<DATEORDER>& dates);
 
 }  // namespace sbas
 
 namespace com {
 
-// Reads the raster `input` whole (a missing or short file ends the run),
+// Reads the raster `input` whole (a missing or short file is reported),
 // sets its no-data samples to 0, filters it with fftw_filter_2d and writes
 // it to `output` (mode "wb"; may be `input`). Sigma is spatial_filter_sigma
 // in frequency bins, or (WIDTH + FILE_LENGTH) * 0.3 * 0.5 when negative.

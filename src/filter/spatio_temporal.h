@@ -20,7 +20,7 @@ namespace sbas {
 // in days when negative; spatial_filter_sigma, or (FILE_LENGTH + WIDTH) *
 // 0.3 * 0.5 when negative. Memory: the block (maps x pixels floats) and two
 // complex double arrays of about twice that many samples. A missing or short
-// map ends the run.
+// map is reported.
 lib::Status spatial_temporal_filter(CFG cfg, const HEADER& header, const std::vector<DATEORDER>& dates);
 
 }  // namespace sbas

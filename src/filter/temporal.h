@@ -23,7 +23,7 @@ namespace sbas {
 // when if_apply_filter is 4, then removes those) and writes
 // culmap-D-F.disp.filtered. Sigma is temporal_filter_sigma in frequency bins,
 // or the mean date spacing in days when negative. A missing or short map
-// ends the run.
+// is reported. `dates` are the run's dates, `header` its grid.
 lib::Status temporal_filter(CFG cfg, const HEADER& header, const std::vector<DATEORDER>& dates);
 
 }  // namespace sbas
@@ -33,7 +33,7 @@ namespace com {
 // Pixels [start, end) of the M displacement maps of `dates` (inputs chosen
 // by cfg.if_apply_filter as in sbas::temporal_filter): M rows of end - start
 // floats (lib::free2d_float), row k holding map k + 1, no-data samples set
-// to 0. A missing or short map ends the run. Null when there are fewer than
+// to 0. A missing or short map is reported. Null when there are fewer than
 // two dates.
 lib::Result<float**> readreftimeseries(const CFG& cfg, const std::vector<DATEORDER>& dates, int64_t start,
                                        int64_t end);

@@ -139,7 +139,7 @@ TEST_F(ThreeDates, ReducedSystemWeighsConstraintsByOneOverRootStrength)
     EXPECT_EQ(w, (std::vector<double>{1, 1, 2, 2}));  // 2 = 1 / sqrt(0.25)
 }
 
-// The contract's per-pixel inversion, written out densely: the full
+// The per-pixel inversion as first written, densely: the full
 // network's estimator from A and W with lib::matmul and lib::matinv, a
 // reduced system from com::readoneunwseries3 solved with
 // lib::weighted_linear_function_nonewmatrix and its W stored whole.
