@@ -10,7 +10,10 @@
 #      elevation-dependent correction, then also the orbital one, and how
 #      much each changed the interferograms.
 # and ends by turning the Mexico City results into GeoTIFFs, a NetCDF cube
-# and figures with sbas-view. Results go to demo-output/ in the repository.
+# and figures with sbas-view, and an HTML report to open in any browser;
+# last, the same interferograms as GeoTIFFs go through sbas-prep, and a run
+# without a temporal constraint shows the pixels it cannot determine as no
+# data. Results go to demo-output/ in the repository.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
@@ -18,11 +21,12 @@ sbas_install_packages
 
 root=$(pwd)
 cmake -S . -B build -DCMAKE_BUILD_TYPE=Release >/dev/null
-cmake --build build -j"$(nproc)" --target sbas-ts sbas-synth sbas-quicklook sbas-view
+cmake --build build -j"$(nproc)" --target sbas-ts sbas-synth sbas-quicklook sbas-view sbas-prep
 sbas_ts=$root/build/sbas-ts
 synth=$root/build/tools/synth/sbas-synth
 quicklook=$root/build/tools/quicklook/sbas-quicklook
 view=$root/build/tools/view/sbas-view
+prep=$root/build/tools/prep/sbas-prep
 out=$root/demo-output
 mkdir -p "$out"
 
@@ -132,3 +136,41 @@ echo "$exported files in $mexico/export: a GeoTIFF per raster (mm, mm/yr), and t
 "$view" series "$mexico/result" --config "$config" --lonlat -99.066 19.431 --unit mm \
     -o "$figures/series.png" --csv "$figures/series.csv"
 "$view" network --config "$config" -o "$figures/network.png"
+"$view" report "$mexico/result" --config "$config" -o "$figures/report.html"
+echo "Figures: $figures/velocity.png, series.png (and series.csv), network.png"
+echo "Report (open in a browser; add #row=R&col=C for a pixel): $figures/report.html"
+
+echo
+echo "== 5. Mexico City as delivered: GeoTIFFs -> sbas-prep -> sbas-ts -> sbas-view =="
+# The example's rasters are turned into one GeoTIFF per pair, named as the
+# frame services name them, and read back by sbas-prep into a job of its own.
+ex=$root/examples/s1_mexico_city_crop
+tifs=$out/mexico_city_geotiff
+job=$out/mexico_city_prep
+rm -rf "$tifs" "$job"
+read -r W L X Y DX DY < <(awk '{v[$1]=$2} END {print v["WIDTH"], v["FILE_LENGTH"], v["X_FIRST"], v["Y_FIRST"], v["X_STEP"], v["Y_STEP"]}' "$ex/ifg_header.txt")
+# An ENVI "map info" gives the outer corner of the first pixel: half a step before its centre.
+ulx=$(awk -v x="$X" -v d="$DX" 'BEGIN {printf "%.17g", x - d / 2}')
+uly=$(awk -v y="$Y" -v d="$DY" 'BEGIN {printf "%.17g", y - d / 2}')
+while read -r name; do
+    pair=${name#geo_}
+    pair=${pair%.unw}
+    mkdir -p "$tifs/$pair"
+    cp "$ex/ifg/$name" "$tifs/$pair/raw"
+    printf 'ENVI\nsamples = %s\nlines = %s\nbands = 1\nheader offset = 0\ndata type = 4\ninterleave = bsq\nbyte order = 0\nmap info = {Geographic Lat/Lon, 1, 1, %s, %s, %s, %s, WGS-84}\n' \
+        "$W" "$L" "$ulx" "$uly" "$DX" "${DY#-}" >"$tifs/$pair/raw.hdr"
+    gdal_translate -q -of GTiff -co COMPRESS=DEFLATE -a_srs EPSG:4326 -a_nodata 0 "$tifs/$pair/raw" \
+        "$tifs/$pair/$pair.geo.unw.tif"
+    rm "$tifs/$pair/raw" "$tifs/$pair/raw.hdr"
+done <"$ex/ifg_list.txt"
+echo "$(find "$tifs" -name '*.tif' | wc -l) GeoTIFFs in $tifs"
+"$prep" "$tifs" --out "$job" --wavelength 0.0554658 | sed 's/^/  /'
+# The job sbas-prep wrote runs as it is; it has no temporal constraint, so a
+# pixel whose valid interferograms do not connect all its dates has no
+# meaningful estimate, and sbas-view leaves it out of what it exports.
+"$sbas_ts" "$job/config.txt" 2>"$job/run.log"
+tail -n 1 "$job/run.log"
+"$view" export "$job/result" --config "$job/config.txt" --unit mm --out "$job/export" >/dev/null 2>"$job/export.log"
+sed 's/^/  /' "$job/export.log"
+"$view" map "$job/result/linear_mean_velocity" --config "$job/config.txt" --unit mm -o "$figures/velocity_prep.png"
+echo "Outputs: $job/result, $job/export (undetermined.tif marks the split pixels), $figures/velocity_prep.png"
