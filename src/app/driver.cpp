@@ -22,6 +22,7 @@
 
 #include "app/job.h"
 #include "app/job_checks.h"
+#include "app/share.h"
 #include "catalogue/baselines.h"
 #include "catalogue/dates.h"
 #include "catalogue/filelist.h"
@@ -34,6 +35,8 @@
 #include "inversion/network.h"
 #include "numerics/arrays.h"
 #include "numerics/parallel.h"
+#include "numerics/ranks.h"
+#include "numerics/spread.h"
 #include "quality/corrections.h"
 #include "quality/loop_closure.h"
 #include "reference/ref_point.h"
@@ -65,16 +68,19 @@ lib::Status check_job(CFG& cfg, const char* config_path)
 {
     cfg.max_parallel_threads = lib::usable_threads(cfg.max_parallel_threads);
     SBAS_TRY(require_interferograms(cfg));
-    return refuse_outputs_over_inputs(cfg, config_path);
+    SBAS_TRY(refuse_outputs_over_inputs(cfg, config_path));
+    return prepare_spread_outputs(cfg);
 }
 
 // The reference values of the interferograms as they now are; the stage may
 // choose the reference pixel and write it into the record.
 lib::Status compute_reference_values(Run& run)
 {
-    SBAS_TAKE(float* values, sbas_step1(&run.cfg, run.grid));
-    run.reference_values = lib::Owned<float>::adopt(values);
-    return {};
+    return on_first_rank(run.cfg, &run.reference_values, [&]() -> lib::Status {
+        SBAS_TAKE(float* values, sbas_step1(&run.cfg, run.grid));
+        run.reference_values = lib::Owned<float>::adopt(values);
+        return {};
+    });
 }
 
 // Keeps the reference values of the interferograms that are still listed:
@@ -101,9 +107,13 @@ lib::Status check_loop_closure(Run& run)
     if (reuse) {
         std::fputs("Use existing phase closure mask\n", stderr);
     } else {
-        const std::vector<std::string> before = run.cfg.ifg_names;
-        SBAS_TRY(quality::remove_ifg_by_loop_closure_with_reference(&run.cfg, run.grid, run.reference_values.get()));
-        keep_reference_values(before, run.cfg.ifg_names, run.reference_values.get());
+        SBAS_TRY(on_first_rank(run.cfg, &run.reference_values, [&]() -> lib::Status {
+            const std::vector<std::string> before = run.cfg.ifg_names;
+            SBAS_TRY(quality::remove_ifg_by_loop_closure_with_reference(&run.cfg, run.grid,
+                                                                         run.reference_values.get()));
+            keep_reference_values(before, run.cfg.ifg_names, run.reference_values.get());
+            return {};
+        }));
     }
     // A mask shorter than the grid is taken as it is: the rest stays 0.
     SBAS_TAKE(const lib::File file, lib::fopen_zq(mask_path.c_str(), "rb"));
@@ -120,8 +130,11 @@ lib::Status check_loop_closure(Run& run)
 // interferograms to a reference chosen on them.
 lib::Status correct_interferograms(Run& run)
 {
-    if (run.cfg.if_remove_eds == 1) SBAS_TRY(quality::bach_removel_height_dependent(&run.cfg, run.grid));
-    if (run.cfg.if_remove_orbit == 1) SBAS_TRY(quality::bach_removel_orbit(&run.cfg, run.grid));
+    SBAS_TRY(on_first_rank(run.cfg, nullptr, [&]() -> lib::Status {
+        if (run.cfg.if_remove_eds == 1) SBAS_TRY(quality::bach_removel_height_dependent(&run.cfg, run.grid));
+        if (run.cfg.if_remove_orbit == 1) SBAS_TRY(quality::bach_removel_orbit(&run.cfg, run.grid));
+        return {};
+    }));
     if (!reference_consumer(run.cfg)) return {};
     std::fputs("\n*************Updating reference point values*************\n", stderr);
     return compute_reference_values(run);
@@ -160,7 +173,7 @@ lib::Status invert_in_batches(const Run& run)
     const int64_t pixels = com::pixel_count(run.grid);
     const float total = lib::batch_total(run.grid.WIDTH, run.grid.FILE_LENGTH, cfg.maxcap);
     const int rows = static_cast<int>(cfg.ifg_names.size());
-    SBAS_TRY(lib::for_each_batch(pixels, cfg.maxcap, [&](const lib::Batch& batch) -> lib::Status {
+    SBAS_TRY(lib::for_each_batch_spread(pixels, cfg.maxcap, [&](const lib::Batch& batch) -> lib::Status {
         std::fprintf(stderr, "\n=> Inversing batch %d / %.0f\n", batch.number, total);
         const lib::Owned<int> count(batch.end - batch.first);
         SBAS_TAKE(float** stack, com::readallfile(cfg, batch.first, batch.end, run.reference_values.get(),
@@ -249,10 +262,11 @@ lib::Status sbas_allocate_area(const char* config_path)
 
     if (corrections_asked(cfg) && cfg.if_keep_corrected_ifg == 0 &&
         (cfg.if_inverse_time_series == 1 || cfg.if_stacking == 1))
-        delete_corrected_copies(cfg);
+        if (lib::ranks().rank == 0) delete_corrected_copies(cfg);
 
     SBAS_TRY(reload_kept_list(run));
-    return apply_filters(cfg, run.grid);
+    SBAS_TRY(on_first_rank(cfg, nullptr, [&] { return apply_filters(cfg, run.grid); }));
+    return com::trim_spread_outputs(com::pixel_count(run.grid));
 }
 
 }  // namespace sbas

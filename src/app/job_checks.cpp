@@ -17,6 +17,7 @@
 #include "app/job_checks.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
@@ -29,6 +30,8 @@
 #include "catalogue/raster.h"
 #include "catalogue/same_file.h"
 #include "config/cfg.h"
+#include "config/fatal.h"
+#include "numerics/ranks.h"
 #include "numerics/error.h"
 
 namespace sbas {
@@ -140,6 +143,26 @@ void warn_physical_settings(const CFG& cfg)
     for (const auto& [key, value] : settings)
         if (!usable(value))
             std::fprintf(stderr, "warning: %s is %g; the DEM-error term needs a finite nonzero value\n", key, value);
+}
+
+}  // namespace sbas
+
+namespace sbas {
+
+lib::Status prepare_spread_outputs(const CFG& cfg)
+{
+    if (!lib::spread()) return {};
+    std::optional<lib::Error> refused;
+    if (lib::ranks().rank == 0)
+        for_each_output(cfg, [&](const std::string& name) {
+            if (refused) return;
+            const com::Path output = com::join_path(cfg.resultfolder, name.c_str());
+            struct stat st {};
+            if (lstat(output.c_str(), &st) != 0) return;
+            if (S_ISLNK(st.st_mode)) unlink(output.c_str());
+            else if (!S_ISREG(st.st_mode)) refused = lib::not_regular(output.c_str(), st.st_mode);
+        });
+    return lib::agree(0, refused ? lib::Status(std::move(*refused)) : lib::Status());
 }
 
 }  // namespace sbas

@@ -28,6 +28,13 @@ void for_each_output(const CFG& cfg, const std::function<void(const std::string&
 // the file it leads to and, when it is a link, the link itself.
 lib::Status refuse_outputs_over_inputs(const CFG& cfg, const char* config_path);
 
+// In an MPI run, before any stage writes: rank 0 removes a symbolic link
+// standing at an output name (a single process replaces it with the output;
+// ranks that write stretches of one file would write through it) and
+// reports an output name held by something that is not a regular file, as
+// the writer of a single process would. Nothing in a run of one process.
+lib::Status prepare_spread_outputs(const CFG& cfg);
+
 // Reports "%s lists no interferogram: nothing to process\n" (standard
 // error, the list's path) when the record holds no interferogram.
 lib::Status require_interferograms(const CFG& cfg);

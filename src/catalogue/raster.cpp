@@ -7,10 +7,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 #include "config/fatal.h"
+#include "numerics/ranks.h"
 
 namespace com {
 
@@ -84,11 +86,39 @@ lib::Status write_samples(const char* path, const char* mode, const float* sampl
     return {};
 }
 
+namespace {
+
+// The batch outputs this rank has written in an MPI run, to be cut to the
+// grid's length once every rank is done.
+std::vector<std::string>& spread_outputs()
+{
+    static std::vector<std::string> paths;
+    return paths;
+}
+
+}  // namespace
+
 lib::Status write_batch(const char* folder, const char* name, int64_t batch_first, const float* samples,
                         int64_t count)
 {
     const Path path = join_path(folder, name);
-    return write_samples(path.c_str(), batch_mode(batch_first), samples, count);
+    if (!lib::spread()) return write_samples(path.c_str(), batch_mode(batch_first), samples, count);
+    // Batches of one file are written by several ranks, each at its place.
+    std::vector<std::string>& written = spread_outputs();
+    if (std::find(written.begin(), written.end(), path.c_str()) == written.end()) written.emplace_back(path.c_str());
+    return lib::write_at(path.c_str(), batch_first, samples, count);
+}
+
+lib::Status trim_spread_outputs(int64_t pixels)
+{
+    lib::barrier();
+    lib::Status trimmed;
+    if (lib::ranks().rank == 0)
+        for (const std::string& path : spread_outputs())
+            if (truncate(path.c_str(), static_cast<off_t>(4 * (pixels > 0 ? pixels : 0))) != 0 && trimmed.ok())
+                trimmed = write_error(path.c_str());
+    spread_outputs().clear();
+    return lib::agree(0, trimmed);
 }
 
 }  // namespace com

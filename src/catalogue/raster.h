@@ -85,8 +85,14 @@ lib::Status write_samples(const char* path, const char* mode, const float* sampl
 lib::Error write_error(const char* path);
 
 // Writes `count` samples to folder "/" name, opened with batch_mode(first),
-// through write_samples.
+// through write_samples. In an MPI run, where several ranks write batches
+// of one file, each writes its batch at its place (lib::write_at).
 lib::Status write_batch(const char* folder, const char* name, int64_t batch_first, const float* samples,
                         int64_t count);
+
+// In an MPI run, once every rank has written its batches: the files written
+// by write_batch cut to `pixels` samples (an earlier run may have left a
+// longer file), by rank 0. Nothing to do in a run of one process.
+lib::Status trim_spread_outputs(int64_t pixels);
 
 }  // namespace com

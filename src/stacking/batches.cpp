@@ -15,6 +15,7 @@
 #include "catalogue/stack.h"
 #include "numerics/arrays.h"
 #include "numerics/parallel.h"
+#include "numerics/spread.h"
 #include "stacking/stacking.h"
 
 namespace rstacking {
@@ -49,7 +50,7 @@ lib::Status start_rstacking(CFG cfg, const HEADER& header, const float* closure_
     const int64_t pixels = com::pixel_count(header);
     const float total = lib::batch_total(header.WIDTH, header.FILE_LENGTH, cfg.maxcap);
     const int interferograms = static_cast<int>(cfg.ifg_names.size());
-    SBAS_TRY(lib::for_each_batch(pixels, cfg.maxcap, [&](const lib::Batch& batch) -> lib::Status {
+    SBAS_TRY(lib::for_each_batch_spread(pixels, cfg.maxcap, [&](const lib::Batch& batch) -> lib::Status {
         std::fprintf(stderr, "\n=> Stacking batch %d / %.0f\n", batch.number, total);
         std::fprintf(stderr, "Number of interferograms        : %d\n", interferograms);
         std::fprintf(stderr, "Number of pixels to estimate    : %d\n", static_cast<int>(batch.end - batch.first));

@@ -58,10 +58,10 @@ TEST(Batches, CutAtMaxcapWithTheSinglePrecisionTotal)
     };
     for (const auto& [pixels, maxcap, batches] : cases) {
         Stretches seen;
-        lib::for_each_batch(pixels, maxcap, [&](const lib::Batch& b) {
-            EXPECT_EQ(b.number, static_cast<int>(seen.size()) + 1);
-            seen.emplace_back(b.first, b.end);
-        });
+        EXPECT_TRUE(lib::for_each_batch(pixels, maxcap, [&](const lib::Batch& b) {
+                        EXPECT_EQ(b.number, static_cast<int>(seen.size()) + 1);
+                        seen.emplace_back(b.first, b.end);
+                    }).ok());
         EXPECT_EQ(seen, batches) << pixels << " / " << maxcap;
     }
     EXPECT_EQ(lib::batch_total(3, 7, 5), 5.0f);
