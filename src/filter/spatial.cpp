@@ -25,6 +25,7 @@
 #include "config/fatal.h"
 #include "filter/shared.h"
 #include "numerics/arrays.h"
+#include "numerics/parallel.h"
 #include "numerics/sink.h"
 #include "numerics/validity.h"
 
@@ -47,14 +48,71 @@ MapFiles map_files(int if_apply_filter)
     }
 }
 
-// Filters folder/name to folder/name.filtered when the input exists.
-lib::Status filter_velocity(const CFG& cfg, const HEADER& header, const char* name, const char* line)
+// One raster to filter: where it is read, where it goes, and the line that
+// announces it.
+struct Raster {
+    com::Path input;
+    com::Path output;
+    std::string line;
+};
+
+// Filters the rasters that exist, in order, a round of one per thread at a
+// time: each round announces and reads its rasters in order, filters them
+// side by side, each thread in its own buffers with the plans made once,
+// and writes them in order. A raster's bytes are those of filtering it
+// alone (FFTW gives the same bytes for one plan, size and alignment).
+lib::Status filter_rasters(const CFG& cfg, const HEADER& header, const std::vector<Raster>& rasters)
 {
-    const com::Path input = com::join_path(cfg.resultfolder, name);
-    if (!lib::opens_for_reading(input.c_str())) return {};
-    const com::Path output = com::join_path(cfg.resultfolder, (std::string(name) + ".filtered").c_str());
-    std::fputs(line, stderr);
-    return com::spatial_filter(cfg, header, input.c_str(), output.c_str());
+    const int64_t pixels = com::pixel_count(header);
+    if (pixels < 1) {
+        for (const Raster& r : rasters) {
+            if (!lib::opens_for_reading(r.input.c_str())) continue;
+            std::fputs(r.line.c_str(), stderr);
+            SBAS_TRY(com::spatial_filter(cfg, header, r.input.c_str(), r.output.c_str()));
+        }
+        return {};
+    }
+    double sigma = cfg.spatial_filter_sigma;
+    if (sigma < 0) sigma = static_cast<double>(header.WIDTH + header.FILE_LENGTH) * 0.3 * 0.5;
+    const int threads = lib::region_threads(cfg.max_parallel_threads);
+    std::vector<std::vector<float>> data;
+    std::vector<const Raster*> round;
+    com::PlaneFilter filter;
+    bool planned = false;
+    std::vector<com::FftBuffers> buffers;
+    lib::Status status;
+    for (size_t next = 0; next < rasters.size() && status.ok();) {
+        round.clear();
+        while (next < rasters.size() && static_cast<int>(round.size()) < threads) {
+            const Raster& r = rasters[next++];
+            if (!lib::opens_for_reading(r.input.c_str())) continue;
+            std::fputs(r.line.c_str(), stderr);
+            if (data.size() < round.size() + 1) data.emplace_back(static_cast<size_t>(pixels));
+            status = com::read_raster(r.input.c_str(), 0, pixels, data[round.size()].data());
+            if (!status.ok()) break;
+            round.push_back(&r);
+        }
+        if (!status.ok() || round.empty()) break;
+        if (!planned) {
+            filter = com::plan_plane_filter(header.FILE_LENGTH, header.WIDTH, sigma, sigma);
+            planned = true;
+        }
+        while (buffers.size() < round.size()) buffers.push_back(com::fft_buffers(filter.rows * filter.cols));
+        const int64_t count = static_cast<int64_t>(round.size());
+#pragma omp parallel for num_threads(static_cast<int>(count)) schedule(static, 1)
+        for (int64_t i = 0; i < count; ++i) {
+            float* samples = data[static_cast<size_t>(i)].data();
+            for (int64_t p = 0; p < pixels; ++p)
+                if (!lib::isvalid(samples[p])) samples[p] = 0.0f;
+            com::filter_plane(filter, buffers[static_cast<size_t>(i)], header.FILE_LENGTH, header.WIDTH, samples);
+        }
+        for (int64_t i = 0; i < count && status.ok(); ++i)
+            status = com::write_samples(round[static_cast<size_t>(i)]->output.c_str(), "wb",
+                                        data[static_cast<size_t>(i)].data(), pixels);
+    }
+    for (com::FftBuffers& b : buffers) com::free_fft_buffers(b);
+    if (planned) com::destroy_plane_filter(filter);
+    return status;
 }
 
 }  // namespace
@@ -67,17 +125,20 @@ lib::Status spatial_filter(CFG cfg, const HEADER& header, const std::vector<DATE
                           "illegal parameters if_apply_filter = %d\n", cfg.if_apply_filter);
 
     const MapFiles files = map_files(cfg.if_apply_filter);
+    // The rasters in the order they are filtered: the maps, then the two
+    // velocities; each is looked for when its turn comes.
+    std::vector<Raster> rasters;
     for (size_t k = 1; files.input && k < dates.size(); ++k) {
-        const com::Path input = com::map_path(cfg, dates, k, files.input);
-        if (!lib::opens_for_reading(input.c_str())) continue;
-        const com::Path output = com::map_path(cfg, dates, k, files.output);
-        std::fprintf(stderr, "spatially fitering culmap-%d-%d.disp\n", static_cast<int>(dates[k].date),
-                     static_cast<int>(dates[0].date));
-        SBAS_TRY(com::spatial_filter(cfg, header, input.c_str(), output.c_str()));
+        char line[96];
+        std::snprintf(line, sizeof line, "spatially fitering culmap-%d-%d.disp\n", static_cast<int>(dates[k].date),
+                      static_cast<int>(dates[0].date));
+        rasters.push_back({com::map_path(cfg, dates, k, files.input), com::map_path(cfg, dates, k, files.output), line});
     }
-    SBAS_TRY(filter_velocity(cfg, header, "linear_mean_velocity", "spatially fitering linear_mean_velocity\n"));
-    SBAS_TRY(filter_velocity(cfg, header, "linear_stacking_mean_velocity",
-                             "spatially fitering linear_stacking_mean_velocity\n"));
+    for (const char* name : {"linear_mean_velocity", "linear_stacking_mean_velocity"})
+        rasters.push_back({com::join_path(cfg.resultfolder, name),
+                           com::join_path(cfg.resultfolder, (std::string(name) + ".filtered").c_str()),
+                           std::string("spatially fitering ") + name + "\n"});
+    SBAS_TRY(filter_rasters(cfg, header, rasters));
     std::fputs("\n***********Time series spatial filter finish*************\n", stderr);
     return {};
 }
@@ -103,36 +164,46 @@ lib::Status spatial_filter(const CFG& cfg, const HEADER& header, const char* inp
     return write_samples(output, "wb", data, pixels);
 }
 
-int fftw_filter_2d(int64_t rows, int64_t cols, float* data, double sigma_rows, double sigma_cols, int /*flag*/)
+PlaneFilter plan_plane_filter(int64_t rows, int64_t cols, double sigma_rows, double sigma_cols)
 {
-    const int64_t R = even_cut(rows);
-    const int64_t K = even_cut(cols);
-    if (R < 1 || K < 1) return 0;  // nothing inside the even cut
-    const int n0 = fft_size(R);
-    const int n1 = fft_size(K);
+    PlaneFilter filter;
+    filter.rows = even_cut(rows);
+    filter.cols = even_cut(cols);
+    const int64_t R = filter.rows, K = filter.cols;
+    if (R < 1 || K < 1) return filter;  // nothing inside the even cut
     FftBuffers fft = fft_buffers(R * K);
-    const fftw_plan forward = fftw_plan_dft_2d(n0, n1, fft.a, fft.b, FFTW_FORWARD, FFTW_ESTIMATE);
-    const fftw_plan backward = fftw_plan_dft_2d(n0, n1, fft.b, fft.a, FFTW_BACKWARD, FFTW_ESTIMATE);
+    filter.forward = fftw_plan_dft_2d(fft_size(R), fft_size(K), fft.a, fft.b, FFTW_FORWARD, FFTW_ESTIMATE);
+    filter.backward = fftw_plan_dft_2d(fft_size(R), fft_size(K), fft.b, fft.a, FFTW_BACKWARD, FFTW_ESTIMATE);
+    free_fft_buffers(fft);
+    filter.gain.resize(static_cast<size_t>(R * K));
+    std::vector<double> column_exponent(static_cast<size_t>(K));
+    for (int64_t c = 0; c < K; ++c) column_exponent[c] = gauss_exponent(c, K, sigma_cols);
+    for (int64_t r = 0; r < R; ++r) {
+        const double row_exponent = gauss_exponent(r, R, sigma_rows);
+        for (int64_t c = 0; c < K; ++c)
+            filter.gain[static_cast<size_t>(r * K + c)] = static_cast<float>(std::exp(-row_exponent - column_exponent[c]));
+    }
+    return filter;
+}
 
+void filter_plane(const PlaneFilter& filter, FftBuffers& fft, int64_t rows, int64_t cols, float* data)
+{
+    (void)rows;
+    const int64_t R = filter.rows, K = filter.cols;
+    if (R < 1 || K < 1) return;
     for (int64_t r = 0; r < R; ++r)
         for (int64_t c = 0; c < K; ++c) {
             const double value = data[r * cols + c];
             fft.a[r * K + c][0] = (r + c) % 2 != 0 ? -value : value;
             fft.a[r * K + c][1] = 0.0;
         }
-    fftw_execute(forward);
-
-    std::vector<double> column_exponent(static_cast<size_t>(K));
-    for (int64_t c = 0; c < K; ++c) column_exponent[c] = gauss_exponent(c, K, sigma_cols);
-    for (int64_t r = 0; r < R; ++r) {
-        const double row_exponent = gauss_exponent(r, R, sigma_rows);
-        for (int64_t c = 0; c < K; ++c) {
-            const float gain = static_cast<float>(std::exp(-row_exponent - column_exponent[c]));
-            fft.b[r * K + c][0] *= gain;
-            fft.b[r * K + c][1] *= gain;
-        }
+    fftw_execute_dft(filter.forward, fft.a, fft.b);
+    const float* gain = filter.gain.data();
+    for (int64_t i = 0; i < R * K; ++i) {
+        fft.b[i][0] *= gain[i];
+        fft.b[i][1] *= gain[i];
     }
-    fftw_execute(backward);
+    fftw_execute_dft(filter.backward, fft.b, fft.a);
 
     const float columns = static_cast<float>(K);
     const float rows_cut = static_cast<float>(R);
@@ -145,10 +216,23 @@ int fftw_filter_2d(int64_t rows, int64_t cols, float* data, double sigma_rows, d
             value = value / columns;
             sample = value / rows_cut;
         }
+}
 
-    fftw_destroy_plan(forward);
-    fftw_destroy_plan(backward);
+void destroy_plane_filter(PlaneFilter& filter)
+{
+    if (filter.forward) fftw_destroy_plan(filter.forward);
+    if (filter.backward) fftw_destroy_plan(filter.backward);
+    filter = {};
+}
+
+int fftw_filter_2d(int64_t rows, int64_t cols, float* data, double sigma_rows, double sigma_cols, int /*flag*/)
+{
+    PlaneFilter filter = plan_plane_filter(rows, cols, sigma_rows, sigma_cols);
+    if (filter.rows < 1 || filter.cols < 1) return 0;
+    FftBuffers fft = fft_buffers(filter.rows * filter.cols);
+    filter_plane(filter, fft, rows, cols, data);
     free_fft_buffers(fft);
+    destroy_plane_filter(filter);
     return 0;
 }
 

@@ -10,6 +10,7 @@
 #include "catalogue/dates.h"
 #include "catalogue/header.h"
 #include "config/cfg.h"
+#include "filter/shared.h"
 #include "numerics/error.h"
 
 namespace sbas {
@@ -43,6 +44,21 @@ lib::Status spatial_filter(const CFG& cfg, const HEADER& header, const char* inp
 // R x K. Samples that are exactly 0 stay 0 (they are the mask), and the
 // last row or column of an odd grid is left as it was. `flag` has no
 // effect. Returns 0.
+// The transforms and the gain of one grid, made once and applied to any
+// number of rasters of it (plans made on one thread, executed on any).
+struct PlaneFilter {
+    int64_t rows = 0;  // the even cut
+    int64_t cols = 0;
+    fftw_plan forward = nullptr;
+    fftw_plan backward = nullptr;
+    std::vector<float> gain;  // rows x cols, row-major
+};
+PlaneFilter plan_plane_filter(int64_t rows, int64_t cols, double sigma_rows, double sigma_cols);
+// Filters data (rows x cols) in place as fftw_filter_2d does, in `fft`
+// (two arrays of the cut's size from fft_buffers).
+void filter_plane(const PlaneFilter& filter, FftBuffers& fft, int64_t rows, int64_t cols, float* data);
+void destroy_plane_filter(PlaneFilter& filter);
+
 int fftw_filter_2d(int64_t rows, int64_t cols, float* data, double sigma_rows, double sigma_cols, int flag);
 
 }  // namespace com

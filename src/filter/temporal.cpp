@@ -20,9 +20,12 @@
 // whole history is in memory; outputs are appended batch after batch.
 #include "filter/temporal.h"
 
+#include <omp.h>
+
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <vector>
 
 #include "catalogue/header.h"
 #include "catalogue/raster.h"
@@ -42,8 +45,6 @@ lib::Status temporal_filter(CFG cfg, const HEADER& header, const std::vector<DAT
     const float total = lib::batch_total(header.WIDTH, header.FILE_LENGTH, cfg.maxcap);
     com::SeriesFilter filter;
     if (maps > 0) filter = com::plan_series_filter(maps, sigma);
-    std::vector<double> series(static_cast<size_t>(maps));
-    std::vector<float> filtered(static_cast<size_t>(maps));
 
     const lib::Status filtered_all = lib::for_each_batch(pixels, cfg.maxcap, [&](const lib::Batch& batch) -> lib::Status {
         std::fprintf(stderr, "\n=> Filtering batch %d / %.0f\n", batch.number, total);
@@ -51,10 +52,19 @@ lib::Status temporal_filter(CFG cfg, const HEADER& header, const std::vector<DAT
         std::fprintf(stderr, "Number of dispalcement maps     : %d\n", static_cast<int>(maps));
         std::fprintf(stderr, "Guassian kernal sigma           : %.2f days\n", sigma);
         const int64_t count = batch.end - batch.first;
-        for (int64_t j = 0; maps > 0 && j < count; ++j) {
-            for (int64_t k = 0; k < maps; ++k) series[k] = history[k][j];
-            com::filter_series(filter, series.data(), filtered.data());
-            for (int64_t k = 0; k < maps; ++k) history[k][j] = filtered[k];
+        // Pixels in contiguous blocks, each thread with its own arrays.
+#pragma omp parallel num_threads(lib::region_threads(cfg.max_parallel_threads))
+        if (maps > 0) {
+            const lib::Block own = lib::block_of(count, omp_get_num_threads(), omp_get_thread_num());
+            std::vector<double> series(static_cast<size_t>(maps));
+            std::vector<float> filtered(static_cast<size_t>(maps));
+            com::FftBuffers fft = com::fft_buffers(filter.length);
+            for (int64_t j = own.first; j < own.end; ++j) {
+                for (int64_t k = 0; k < maps; ++k) series[k] = history[k][j];
+                com::filter_series(filter, fft, series.data(), filtered.data());
+                for (int64_t k = 0; k < maps; ++k) history[k][j] = filtered[k];
+            }
+            com::free_fft_buffers(fft);
         }
         lib::Status written;
         for (int64_t k = 0; k < maps && written.ok(); ++k) {
@@ -120,9 +130,15 @@ SeriesFilter plan_series_filter(int64_t n, double sigma)
 
 void filter_series(const SeriesFilter& filter, const double* series, float* filtered)
 {
+    FftBuffers own = filter.fft;
+    filter_series(filter, own, series, filtered);
+}
+
+void filter_series(const SeriesFilter& filter, FftBuffers& fft, const double* series, float* filtered)
+{
     const int64_t n = filter.n, pad = filter.pad, L = filter.length;
-    fftw_complex* a = filter.fft.a;
-    fftw_complex* b = filter.fft.b;
+    fftw_complex* a = fft.a;
+    fftw_complex* b = fft.b;
     for (int64_t i = 0; i < L; ++i) {
         const double value = i < pad ? series[0] : i < pad + n ? series[i - pad] : series[n - 1];
         a[i][0] = i % 2 != 0 ? -value : value;

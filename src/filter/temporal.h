@@ -62,6 +62,9 @@ SeriesFilter plan_series_filter(int64_t n, double sigma);
 // Filters the n samples of `series` into `filtered` (n floats) with the
 // filter's plans on its own arrays.
 void filter_series(const SeriesFilter& filter, const double* series, float* filtered);
+// The same in `fft` (two arrays of filter.length from fft_buffers), so that
+// threads filter series side by side with the one plan.
+void filter_series(const SeriesFilter& filter, FftBuffers& fft, const double* series, float* filtered);
 
 void destroy_series_filter(SeriesFilter& filter);
 

@@ -33,6 +33,8 @@
 // LoopClosure.UnderLoopedPixelsCarryTheScratchValue pins it.
 #include "quality/loop_closure.h"
 
+#include <omp.h>
+
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -49,16 +51,11 @@
 #include "numerics/progress.h"
 #include "numerics/stats.h"
 #include "numerics/validity.h"
+#include "quality/closure_kernels.h"
+#include "quality/loop_enumeration.h"
 
 namespace quality {
 namespace {
-
-// A pixel's closures so far: count of loops with a valid closure, their
-// running mean and variance, and how many of them failed.
-struct PixelClosure {
-    lib::RunningMoments closure;
-    double failed;
-};
 
 // An interferogram's loops (with at least one valid pixel) and the sum of
 // their closure deviations, later their mean.
@@ -71,50 +68,21 @@ struct IfgClosure {
 // from the accumulators a chunk at a time, never whole.
 constexpr int64_t kChunkPixels = 1 << 16;
 
+// Pixels between two counts of the progress indicator.
+constexpr int64_t kProgressPixels = 1 << 14;
+
 constexpr float kNoLoopThreshold = 6.28f;
 constexpr double kNoLoopStd = 9999.0;
 
-lib::Error loop_format_error()
+lib::Result<std::vector<LOOPORDER>> loops_of(const CFG& cfg)
 {
-    return lib::error(lib::Fault::format, "", lib::Stream::out, "file format error, cannot form loop closure");
-}
-
-lib::Result<std::vector<LOOPORDER>> find_loops(const CFG& cfg)
-{
-    const int64_t n = static_cast<int64_t>(cfg.ifg_names.size());
-    std::vector<int64_t> first(static_cast<size_t>(n));
-    std::vector<int64_t> second(static_cast<size_t>(n));
-    for (int64_t k = 0; k < n; ++k) {
+    const size_t n = cfg.ifg_names.size();
+    std::vector<int64_t> first(n), second(n);
+    for (size_t k = 0; k < n; ++k) {
         first[k] = com::phsfilename2date(cfg.ifg_names[k].c_str(), 1);
         second[k] = com::phsfilename2date(cfg.ifg_names[k].c_str(), 2);
     }
-    std::vector<LOOPORDER> loops;
-    for (int64_t i = 0; i < n; ++i) {
-        for (int64_t j = i + 1; j < n; ++j) {
-            std::array<int64_t, 4> set = {first[i], second[i], first[j], second[j]};
-            std::sort(set.begin(), set.end());
-            const size_t dates = static_cast<size_t>(std::unique(set.begin(), set.end()) - set.begin());
-            if (dates > 3) continue;
-            const auto in_set = [&](int64_t date) {
-                return std::find(set.begin(), set.begin() + dates, date) != set.begin() + dates;
-            };
-            int64_t k = j + 1;
-            while (k < n && !(in_set(first[k]) && in_set(second[k]))) ++k;
-            if (k == n) continue;
-            // Two dates only (a pair listed twice, or a one-date name) cannot
-            // make a triangle: that is a broken list too.
-            if (dates < 3) return loop_format_error();
-            LOOPORDER loop{set[0], set[1], set[2], -1, -1, -1};
-            for (const int64_t m : {i, j, k}) {
-                if (first[m] == loop.date0 && second[m] == loop.date1) loop.ifg01 = m;
-                if (first[m] == loop.date0 && second[m] == loop.date2) loop.ifg02 = m;
-                if (first[m] == loop.date1 && second[m] == loop.date2) loop.ifg12 = m;
-            }
-            if (loop.ifg01 < 0 || loop.ifg02 < 0 || loop.ifg12 < 0) return loop_format_error();
-            loops.push_back(loop);
-        }
-    }
-    return loops;
+    return quality::find_loops(first, second);
 }
 
 void print_settings(const CFG& cfg)
@@ -130,50 +98,6 @@ void print_settings(const CFG& cfg)
     std::fprintf(stderr, "If_allow_unlooped_ifgs         : %d\n", cfg.if_allow_unlooped_ifgs);
     std::fprintf(stderr, "Whole_ifg_closure_std_threshod : %.3f\n", cfg.whole_ifg_closure_std_threshold);
     std::fprintf(stderr, "Loop_closure_mean_std_threshold: %.3f\n", cfg.loop_closure_mean_std_threshold);
-}
-
-// Loops visited together in one pass over the pixels of a batch. Each loop's
-// moments form a chain of dependent divisions from pixel to pixel; walking a
-// few loops side by side keeps several chains in flight at once. A pixel
-// still sees its loops in enumeration order, and a loop its pixels in pixel
-// order, so every sum is the one the loop-by-loop order gives.
-constexpr size_t kLoopsTogether = 4;
-
-// Adds the closures of `count` consecutive loops (at most kLoopsTogether)
-// over a batch of `width` pixels; pixels[j] is the accumulator of the
-// batch's pixel j, moments[g] that of loops[g]. Every loop's three rows are
-// walked side by side with plain pointers.
-template <size_t count>
-void add_loops(const LOOPORDER* loops, float* const* batch, int64_t width, float misclosure_threshold,
-               PixelClosure* pixels, lib::RunningMoments* moments)
-{
-    const float* s01[count];
-    const float* s02[count];
-    const float* s12[count];
-    // Local copies: stored through the pixel records, the loops' moments
-    // would otherwise be reloaded after every update.
-    lib::RunningMoments loop_moments[count];
-    for (size_t g = 0; g < count; ++g) {
-        s01[g] = batch[loops[g].ifg01];
-        s02[g] = batch[loops[g].ifg02];
-        s12[g] = batch[loops[g].ifg12];
-        loop_moments[g] = moments[g];
-    }
-    for (int64_t j = 0; j < width; ++j) {
-        PixelClosure pixel = pixels[j];
-        for (size_t g = 0; g < count; ++g) {
-            const float a = s01[g][j];
-            const float b = s02[g][j];
-            const float c = s12[g][j];
-            if (!lib::isvalid(a) || !lib::isvalid(b) || !lib::isvalid(c)) continue;
-            const float closure = a - b + c;
-            pixel.closure.add(closure);
-            loop_moments[g].add(closure);
-            if (std::fabs(closure) > misclosure_threshold) pixel.failed += 1;
-        }
-        pixels[j] = pixel;
-    }
-    for (size_t g = 0; g < count; ++g) moments[g] = loop_moments[g];
 }
 
 // The progress lines users' logs hold for loop l of n ("  Progress  20%"),
@@ -253,18 +177,33 @@ lib::Status accumulate(const CFG& cfg, const HEADER& header, const float* refere
         std::fprintf(stderr, "\n=>Caculating phase closure maps batch %d / %.0f\n", batch.number, total);
         SBAS_TAKE(float** stack, com::readallfile_nomask(cfg, batch.first, batch.end, reference_values));
         if (n_loops > 0) {
-            lib::progress_begin("Loop closure", static_cast<int64_t>(n_loops), "loops");
-            // Groups of kLoopsTogether loops, then the last few one by one.
-            for (size_t l = 0; l < n_loops;) {
-                const size_t count = n_loops - l >= kLoopsTogether ? kLoopsTogether : 1;
-                for (size_t g = l; g < l + count; ++g) print_progress_lines(g, n_loops, marks);
-                const auto add = count == kLoopsTogether ? add_loops<kLoopsTogether> : add_loops<1>;
-                add(&loops[l], stack, batch.end - batch.first, cfg.loop_misclosure_threshold,
-                    closures.pixels.get() + batch.first, &closures.loops[static_cast<int64_t>(l)]);
-                lib::progress_add(static_cast<int64_t>(count));
-                l += count;
+            // Pixels in contiguous blocks, then loops in contiguous blocks,
+            // on every thread; the indicator counts pixels and loops.
+            const int64_t width = batch.end - batch.first;
+            lib::progress_begin("Loop closure", 2 * width, "pixels");
+            PixelClosure* pixels = closures.pixels.get() + batch.first;
+            lib::RunningMoments* moments = closures.loops.get();
+#pragma omp parallel num_threads(lib::region_threads(cfg.max_parallel_threads))
+            {
+                const int threads = omp_get_num_threads();
+                const int thread = omp_get_thread_num();
+                const lib::Block own = lib::block_of(width, threads, thread);
+                for (int64_t first = own.first; first < own.end; first += kProgressPixels) {
+                    const int64_t end = std::min(own.end, first + kProgressPixels);
+                    add_pixel_closures(loops.data(), static_cast<int64_t>(n_loops), stack, first, end,
+                                       cfg.loop_misclosure_threshold, pixels);
+                    lib::progress_add(end - first);
+                }
+                const lib::Block mine = lib::block_of(static_cast<int64_t>(n_loops), threads, thread);
+                for (int64_t first = 0; first < width; first += kProgressPixels) {
+                    const int64_t end = std::min(width, first + kProgressPixels);
+                    add_loop_closures(loops.data() + mine.first, mine.end - mine.first, stack, first, end,
+                                      moments + mine.first);
+                    if (thread == 0) lib::progress_add(end - first);
+                }
             }
             lib::progress_end();
+            for (size_t l = 0; l < n_loops; ++l) print_progress_lines(l, n_loops, marks);
         }
         lib::free2d_float(stack, static_cast<int>(n_ifg));
         return {};
@@ -383,7 +322,7 @@ lib::Status remove_ifg_by_loop_closure_with_reference(CFG* cfg, const HEADER& he
 {
     print_settings(*cfg);
     const int64_t pixel_total = com::pixel_count(header);
-    SBAS_TAKE(const std::vector<LOOPORDER> loops, find_loops(*cfg));
+    SBAS_TAKE(const std::vector<LOOPORDER> loops, loops_of(*cfg));
     Closures closures{lib::Owned<PixelClosure>(pixel_total),
                       lib::Owned<lib::RunningMoments>(static_cast<int64_t>(loops.size())),
                       lib::Owned<IfgClosure>(static_cast<int64_t>(cfg->ifg_names.size()))};

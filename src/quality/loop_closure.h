@@ -36,8 +36,8 @@ namespace quality {
 // "filelist_deleted", filelist points at "filelist_used" and the lists are
 // reloaded from it. A triangle whose interferograms are not all written
 // (earlier date, later date) is reported as "file format error, cannot form
-// loop closure" on standard output. `header` is the job's grid. Runs on the
-// calling thread; the loader uses max_parallel_threads.
+// loop closure" on standard output. `header` is the job's grid. The loader and the closures run
+// on max_parallel_threads threads; no output depends on their number.
 lib::Status remove_ifg_by_loop_closure_with_reference(CFG* cfg, const HEADER& header, const float* reference_values);
 
 }  // namespace quality
