@@ -213,7 +213,7 @@ lib::Status reload_kept_list(Run& run)
 // and on the dates of the list as it now stands: 1 spatial, 2 temporal, 3
 // temporal then spatial, 4 spatial then temporal, 5 the 3-D filter; any
 // other value none.
-lib::Status apply_filters(const CFG& cfg, const HEADER& grid)
+lib::Status apply_filters(CFG cfg, const HEADER& grid)
 {
     const int choice = cfg.if_apply_filter;
     if (choice < 1 || choice > 5) return {};
@@ -227,7 +227,11 @@ lib::Status apply_filters(const CFG& cfg, const HEADER& grid)
     case 4:
         SBAS_TRY(spatial_filter(cfg, grid, dates));
         return temporal_filter(cfg, grid, dates);
-    default: return spatial_temporal_filter(cfg, grid, dates);
+    default:
+        // One transform of the whole stack, on one rank: a transform spread
+        // over ranks would give other bits for every number of ranks.
+        return on_first_rank(cfg, nullptr,
+                             [&] { return spatial_temporal_filter(cfg, grid, dates); });
     }
 }
 
@@ -265,7 +269,7 @@ lib::Status sbas_allocate_area(const char* config_path)
         if (lib::ranks().rank == 0) delete_corrected_copies(cfg);
 
     SBAS_TRY(reload_kept_list(run));
-    SBAS_TRY(on_first_rank(cfg, nullptr, [&] { return apply_filters(cfg, run.grid); }));
+    SBAS_TRY(apply_filters(cfg, run.grid));
     return com::trim_spread_outputs(com::pixel_count(run.grid));
 }
 

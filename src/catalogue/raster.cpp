@@ -102,11 +102,16 @@ lib::Status write_batch(const char* folder, const char* name, int64_t batch_firs
                         int64_t count)
 {
     const Path path = join_path(folder, name);
-    if (!lib::spread()) return write_samples(path.c_str(), batch_mode(batch_first), samples, count);
+    return write_batch_at(path.c_str(), batch_first, samples, count);
+}
+
+lib::Status write_batch_at(const char* path, int64_t batch_first, const float* samples, int64_t count)
+{
+    if (!lib::spread()) return write_samples(path, batch_mode(batch_first), samples, count);
     // Batches of one file are written by several ranks, each at its place.
     std::vector<std::string>& written = spread_outputs();
-    if (std::find(written.begin(), written.end(), path.c_str()) == written.end()) written.emplace_back(path.c_str());
-    return lib::write_at(path.c_str(), batch_first, samples, count);
+    if (std::find(written.begin(), written.end(), path) == written.end()) written.emplace_back(path);
+    return lib::write_at(path, batch_first, samples, count);
 }
 
 lib::Status trim_spread_outputs(int64_t pixels)

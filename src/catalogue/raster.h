@@ -90,6 +90,9 @@ lib::Error write_error(const char* path);
 lib::Status write_batch(const char* folder, const char* name, int64_t batch_first, const float* samples,
                         int64_t count);
 
+// write_batch with the whole path.
+lib::Status write_batch_at(const char* path, int64_t batch_first, const float* samples, int64_t count);
+
 // In an MPI run, once every rank has written its batches: the files written
 // by write_batch cut to `pixels` samples (an earlier run may have left a
 // longer file), by rank 0. Nothing to do in a run of one process.

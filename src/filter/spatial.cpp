@@ -14,6 +14,7 @@
 #include "filter/spatial.h"
 
 #include <cmath>
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -27,6 +28,7 @@
 #include "numerics/arrays.h"
 #include "numerics/parallel.h"
 #include "numerics/sink.h"
+#include "numerics/ranks.h"
 #include "numerics/validity.h"
 
 namespace sbas {
@@ -75,40 +77,53 @@ lib::Status filter_rasters(const CFG& cfg, const HEADER& header, const std::vect
     double sigma = cfg.spatial_filter_sigma;
     if (sigma < 0) sigma = static_cast<double>(header.WIDTH + header.FILE_LENGTH) * 0.3 * 0.5;
     const int threads = lib::region_threads(cfg.max_parallel_threads);
+    // The rasters there are, in order, in rounds of one per thread; in an MPI
+    // run round c is rank c mod R's, and rank 0 writes the announcements of
+    // every round in order.
+    std::vector<const Raster*> present;
+    for (const Raster& r : rasters)
+        if (lib::opens_for_reading(r.input.c_str())) present.push_back(&r);
+    const size_t rounds = (present.size() + static_cast<size_t>(threads) - 1) / static_cast<size_t>(threads);
+    const lib::Ranks place = lib::ranks();
     std::vector<std::vector<float>> data;
     std::vector<const Raster*> round;
     com::PlaneFilter filter;
     bool planned = false;
     std::vector<com::FftBuffers> buffers;
     lib::Status status;
-    for (size_t next = 0; next < rasters.size() && status.ok();) {
+    for (size_t first_round = 0; first_round < rounds; first_round += static_cast<size_t>(place.size)) {
+        lib::begin_round();
+        const size_t mine = first_round + static_cast<size_t>(place.rank);
         round.clear();
-        while (next < rasters.size() && static_cast<int>(round.size()) < threads) {
-            const Raster& r = rasters[next++];
-            if (!lib::opens_for_reading(r.input.c_str())) continue;
+        for (size_t k = mine * static_cast<size_t>(threads);
+             mine < rounds && k < std::min(present.size(), (mine + 1) * static_cast<size_t>(threads)); ++k) {
+            const Raster& r = *present[k];
             std::fputs(r.line.c_str(), stderr);
             if (data.size() < round.size() + 1) data.emplace_back(static_cast<size_t>(pixels));
             status = com::read_raster(r.input.c_str(), 0, pixels, data[round.size()].data());
             if (!status.ok()) break;
             round.push_back(&r);
         }
-        if (!status.ok() || round.empty()) break;
-        if (!planned) {
-            filter = com::plan_plane_filter(header.FILE_LENGTH, header.WIDTH, sigma, sigma);
-            planned = true;
-        }
-        while (buffers.size() < round.size()) buffers.push_back(com::fft_buffers(filter.rows * filter.cols));
-        const int64_t count = static_cast<int64_t>(round.size());
+        if (status.ok() && !round.empty()) {
+            if (!planned) {
+                filter = com::plan_plane_filter(header.FILE_LENGTH, header.WIDTH, sigma, sigma);
+                planned = true;
+            }
+            while (buffers.size() < round.size()) buffers.push_back(com::fft_buffers(filter.rows * filter.cols));
+            const int64_t count = static_cast<int64_t>(round.size());
 #pragma omp parallel for num_threads(static_cast<int>(count)) schedule(static, 1)
-        for (int64_t i = 0; i < count; ++i) {
-            float* samples = data[static_cast<size_t>(i)].data();
-            for (int64_t p = 0; p < pixels; ++p)
-                if (!lib::isvalid(samples[p])) samples[p] = 0.0f;
-            com::filter_plane(filter, buffers[static_cast<size_t>(i)], header.FILE_LENGTH, header.WIDTH, samples);
+            for (int64_t i = 0; i < count; ++i) {
+                float* samples = data[static_cast<size_t>(i)].data();
+                for (int64_t p = 0; p < pixels; ++p)
+                    if (!lib::isvalid(samples[p])) samples[p] = 0.0f;
+                com::filter_plane(filter, buffers[static_cast<size_t>(i)], header.FILE_LENGTH, header.WIDTH, samples);
+            }
+            for (int64_t i = 0; i < count && status.ok(); ++i)
+                status = com::write_samples(round[static_cast<size_t>(i)]->output.c_str(), "wb",
+                                            data[static_cast<size_t>(i)].data(), pixels);
         }
-        for (int64_t i = 0; i < count && status.ok(); ++i)
-            status = com::write_samples(round[static_cast<size_t>(i)]->output.c_str(), "wb",
-                                        data[static_cast<size_t>(i)].data(), pixels);
+        status = lib::end_round(std::move(status));
+        if (!status.ok()) break;
     }
     for (com::FftBuffers& b : buffers) com::free_fft_buffers(b);
     if (planned) com::destroy_plane_filter(filter);

@@ -31,6 +31,8 @@
 #include "catalogue/raster.h"
 #include "numerics/arrays.h"
 #include "numerics/parallel.h"
+#include "numerics/ranks.h"
+#include "numerics/spread.h"
 #include "numerics/validity.h"
 
 namespace sbas {
@@ -46,7 +48,7 @@ lib::Status temporal_filter(CFG cfg, const HEADER& header, const std::vector<DAT
     com::SeriesFilter filter;
     if (maps > 0) filter = com::plan_series_filter(maps, sigma);
 
-    const lib::Status filtered_all = lib::for_each_batch(pixels, cfg.maxcap, [&](const lib::Batch& batch) -> lib::Status {
+    const lib::Status filtered_all = lib::for_each_batch_spread(pixels, cfg.maxcap, [&](const lib::Batch& batch) -> lib::Status {
         std::fprintf(stderr, "\n=> Filtering batch %d / %.0f\n", batch.number, total);
         SBAS_TAKE(float** history, com::readreftimeseries(cfg, dates, batch.first, batch.end));
         std::fprintf(stderr, "Number of dispalcement maps     : %d\n", static_cast<int>(maps));
@@ -69,7 +71,7 @@ lib::Status temporal_filter(CFG cfg, const HEADER& header, const std::vector<DAT
         lib::Status written;
         for (int64_t k = 0; k < maps && written.ok(); ++k) {
             const com::Path output = com::map_path(cfg, dates, static_cast<size_t>(k + 1), ".filtered");
-            written = com::write_samples(output.c_str(), com::batch_mode(batch.first), history[k], count);
+            written = com::write_batch_at(output.c_str(), batch.first, history[k], count);
         }
         lib::free2d_float(history, static_cast<int>(maps));
         return written;
@@ -78,7 +80,7 @@ lib::Status temporal_filter(CFG cfg, const HEADER& header, const std::vector<DAT
     SBAS_TRY(filtered_all);
 
     // The spatially filtered maps were only the way in; they go once read.
-    if (cfg.if_apply_filter == 4)
+    if (cfg.if_apply_filter == 4 && lib::ranks().rank == 0)
         for (size_t k = 1; k < dates.size(); ++k) std::remove(com::map_path(cfg, dates, k, ".sfilter").c_str());
     std::fputs("\n***********Time series temporal filter finish************\n", stderr);
     return {};
