@@ -107,13 +107,14 @@ lib::Status check_loop_closure(Run& run)
     if (reuse) {
         std::fputs("Use existing phase closure mask\n", stderr);
     } else {
-        SBAS_TRY(on_first_rank(run.cfg, &run.reference_values, [&]() -> lib::Status {
-            const std::vector<std::string> before = run.cfg.ifg_names;
-            SBAS_TRY(quality::remove_ifg_by_loop_closure_with_reference(&run.cfg, run.grid,
-                                                                         run.reference_values.get()));
+        // Every rank takes part in the check (its batches); rank 0 finishes
+        // it and hands the outcome on.
+        const std::vector<std::string> before = run.cfg.ifg_names;
+        lib::Status checked =
+            quality::remove_ifg_by_loop_closure_with_reference(&run.cfg, run.grid, run.reference_values.get());
+        if (checked.ok() && lib::ranks().rank == 0)
             keep_reference_values(before, run.cfg.ifg_names, run.reference_values.get());
-            return {};
-        }));
+        SBAS_TRY(share_from_first_rank(run.cfg, &run.reference_values, std::move(checked)));
     }
     // A mask shorter than the grid is taken as it is: the rest stays 0.
     SBAS_TAKE(const lib::File file, lib::fopen_zq(mask_path.c_str(), "rb"));

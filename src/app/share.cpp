@@ -88,6 +88,14 @@ lib::Status on_first_rank(CFG& cfg, lib::Owned<float>* values, const std::functi
     if (!lib::spread()) return stage();
     lib::Status status;
     if (lib::ranks().rank == 0) status = stage();
+    return share_from_first_rank(cfg, values, std::move(status));
+}
+
+lib::Status share_from_first_rank(CFG& cfg, lib::Owned<float>* values, lib::Status status)
+{
+    if (!lib::spread()) return status;
+    // Rank 0's outcome only: the others did not finish the stage.
+    if (lib::ranks().rank != 0) status = lib::Status();
     SBAS_TRY(lib::agree(0, std::move(status)));
     Packer p;
     if (lib::ranks().rank == 0) {

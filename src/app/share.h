@@ -18,4 +18,8 @@ namespace sbas {
 // `count` floats of `values` (when not null) are rank 0's afterwards.
 lib::Status on_first_rank(CFG& cfg, lib::Owned<float>* values, const std::function<lib::Status()>& stage);
 
+// The same hand-over after a stage that every rank ran and rank 0 finished
+// alone (`status` is each rank's own outcome; rank 0's is every rank's).
+lib::Status share_from_first_rank(CFG& cfg, lib::Owned<float>* values, lib::Status status);
+
 }  // namespace sbas

@@ -244,6 +244,56 @@ void broadcast(std::vector<char>& bytes, int root)
 #endif
 }
 
+void send_to(int to, const std::vector<char>& bytes)
+{
+#ifdef SBAS_HAVE_MPI
+    uint64_t n = bytes.size();
+    MPI_Send(&n, 1, MPI_UINT64_T, to, 1, MPI_COMM_WORLD);
+    for (uint64_t at = 0; at < n;) {
+        const int piece = static_cast<int>(std::min<uint64_t>(n - at, 1u << 30));
+        MPI_Send(bytes.data() + at, piece, MPI_CHAR, to, 2, MPI_COMM_WORLD);
+        at += static_cast<uint64_t>(piece);
+    }
+#else
+    (void)to;
+    (void)bytes;
+#endif
+}
+
+std::vector<char> receive_from(int from)
+{
+    std::vector<char> bytes;
+#ifdef SBAS_HAVE_MPI
+    uint64_t n = 0;
+    MPI_Recv(&n, 1, MPI_UINT64_T, from, 1, MPI_COMM_WORLD, MPI_STATUS_IGNORE);
+    bytes.resize(static_cast<size_t>(n));
+    for (uint64_t at = 0; at < n;) {
+        const int piece = static_cast<int>(std::min<uint64_t>(n - at, 1u << 30));
+        MPI_Recv(bytes.data() + at, piece, MPI_CHAR, from, 2, MPI_COMM_WORLD, MPI_STATUS_IGNORE);
+        at += static_cast<uint64_t>(piece);
+    }
+#else
+    (void)from;
+#endif
+    return bytes;
+}
+
+void collect(char* elements, size_t element_bytes, const std::vector<int64_t>& first,
+             const std::vector<int64_t>& end, const std::vector<int>& owner)
+{
+    if (place.size < 2) return;
+    for (size_t s = 0; s < first.size(); ++s) {
+        if (owner[s] == 0 || end[s] <= first[s]) continue;
+        char* at = elements + static_cast<size_t>(first[s]) * element_bytes;
+        const size_t n = static_cast<size_t>(end[s] - first[s]) * element_bytes;
+        if (place.rank == owner[s]) send_to(0, std::vector<char>(at, at + n));
+        if (place.rank == 0) {
+            const std::vector<char> got = receive_from(owner[s]);
+            std::memcpy(at, got.data(), std::min(n, got.size()));
+        }
+    }
+}
+
 Status write_at(const char* path, int64_t first, const float* samples, int64_t count)
 {
     const Error failed = error(Fault::write, path, Stream::err, "%s could not be written\n", path);

@@ -70,6 +70,18 @@ void sum_over_ranks(int64_t* values, int64_t count);
 // Rank `root`'s bytes on every rank (resized to them).
 void broadcast(std::vector<char>& bytes, int root);
 
+// Running state handed on from rank to rank: `bytes` to rank `to`, and the
+// bytes rank `from` sends (blocking; a rank sends as many messages to a
+// rank as that rank receives from it, in the same order).
+void send_to(int to, const std::vector<char>& bytes);
+std::vector<char> receive_from(int from);
+
+// The stretches [first, end) of `elements` (element_bytes each) that ranks
+// above 0 computed, copied into rank 0's array: stretch s was computed by
+// rank owner[s]. Every rank calls it with the same stretches.
+void collect(char* elements, size_t element_bytes, const std::vector<int64_t>& first,
+             const std::vector<int64_t>& end, const std::vector<int>& owner);
+
 // Writes `count` floats at sample `first` of the file at `path` (created
 // when missing, never truncated), from this rank, where other ranks write
 // other stretches of the same file: MPI-IO at the stretch's offset, safe on

@@ -40,6 +40,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <vector>
 
 #include "catalogue/filelist.h"
@@ -49,6 +50,7 @@
 #include "numerics/arrays.h"
 #include "numerics/parallel.h"
 #include "numerics/progress.h"
+#include "numerics/ranks.h"
 #include "numerics/stats.h"
 #include "numerics/validity.h"
 #include "quality/closure_kernels.h"
@@ -163,6 +165,40 @@ struct Closures {
 };
 
 // Step 1: every loop at every pixel, a batch of maxcap pixels at a time.
+// The two passes over one batch: every pixel through the loops, and every
+// loop through the pixels, on all threads.
+void add_batch(const CFG& cfg, const std::vector<LOOPORDER>& loops, float* const* stack, int64_t width,
+               PixelClosure* pixels, lib::RunningMoments* moments, bool loop_pass)
+{
+    const size_t n_loops = loops.size();
+    lib::progress_begin("Loop closure", 2 * width, "pixels");
+#pragma omp parallel num_threads(lib::region_threads(cfg.max_parallel_threads))
+    {
+        const int threads = omp_get_num_threads();
+        const int thread = omp_get_thread_num();
+        const lib::Block own = lib::block_of(width, threads, thread);
+        for (int64_t first = own.first; first < own.end; first += kProgressPixels) {
+            const int64_t end = std::min(own.end, first + kProgressPixels);
+            add_pixel_closures(loops.data(), static_cast<int64_t>(n_loops), stack, first, end,
+                               cfg.loop_misclosure_threshold, pixels);
+            lib::progress_add(end - first);
+        }
+        const lib::Block mine = lib::block_of(static_cast<int64_t>(n_loops), threads, thread);
+        for (int64_t first = 0; loop_pass && first < width; first += kProgressPixels) {
+            const int64_t end = std::min(width, first + kProgressPixels);
+            add_loop_closures(loops.data() + mine.first, mine.end - mine.first, stack, first, end,
+                              moments + mine.first);
+            if (thread == 0) lib::progress_add(end - first);
+        }
+    }
+    lib::progress_end();
+}
+
+// Step 1: every loop at every pixel, a batch of maxcap pixels at a time.
+// In an MPI run batch k is rank (k - 1) mod R's, in rounds: the pixels of
+// a batch are independent of other batches, while a loop takes its pixels
+// in pixel order, so the loops' running state is handed on from the rank of
+// one batch to the rank of the next, and rank 0 gathers the pixels' state.
 lib::Status accumulate(const CFG& cfg, const HEADER& header, const float* reference_values,
                        const std::vector<LOOPORDER>& loops, Closures& closures)
 {
@@ -173,41 +209,78 @@ lib::Status accumulate(const CFG& cfg, const HEADER& header, const float* refere
     const std::array<long, 4> marks = {std::lround(0.2 * share), std::lround(0.4 * share), std::lround(0.6 * share),
                                        std::lround(0.8 * share)};
     const float total = lib::batch_total(header.WIDTH, header.FILE_LENGTH, cfg.maxcap);
-    return lib::for_each_batch(pixel_total, cfg.maxcap, [&](const lib::Batch& batch) -> lib::Status {
+    lib::RunningMoments* moments = closures.loops.get();
+    const size_t state_bytes = n_loops * sizeof(lib::RunningMoments);
+    const auto one_batch = [&](const lib::Batch& batch, int from, int to) -> lib::Status {
         std::fprintf(stderr, "\n=>Caculating phase closure maps batch %d / %.0f\n", batch.number, total);
-        SBAS_TAKE(float** stack, com::readallfile_nomask(cfg, batch.first, batch.end, reference_values));
-        if (n_loops > 0) {
-            // Pixels in contiguous blocks, then loops in contiguous blocks,
-            // on every thread; the indicator counts pixels and loops.
-            const int64_t width = batch.end - batch.first;
-            lib::progress_begin("Loop closure", 2 * width, "pixels");
-            PixelClosure* pixels = closures.pixels.get() + batch.first;
-            lib::RunningMoments* moments = closures.loops.get();
+        lib::Result<float**> loaded = com::readallfile_nomask(cfg, batch.first, batch.end, reference_values);
+        float** stack = loaded.ok() ? *loaded : nullptr;
+        const int64_t width = batch.end - batch.first;
+        if (stack && n_loops > 0) add_batch(cfg, loops, stack, width, closures.pixels.get() + batch.first, moments, false);
+        if (from >= 0) {
+            const std::vector<char> state = lib::receive_from(from);
+            if (state.size() == state_bytes && state_bytes > 0) std::memcpy(moments, state.data(), state_bytes);
+        }
+        if (stack && n_loops > 0) {
+            // The loop pass alone, now that the loops' state is this batch's.
 #pragma omp parallel num_threads(lib::region_threads(cfg.max_parallel_threads))
             {
-                const int threads = omp_get_num_threads();
-                const int thread = omp_get_thread_num();
-                const lib::Block own = lib::block_of(width, threads, thread);
-                for (int64_t first = own.first; first < own.end; first += kProgressPixels) {
-                    const int64_t end = std::min(own.end, first + kProgressPixels);
-                    add_pixel_closures(loops.data(), static_cast<int64_t>(n_loops), stack, first, end,
-                                       cfg.loop_misclosure_threshold, pixels);
-                    lib::progress_add(end - first);
-                }
-                const lib::Block mine = lib::block_of(static_cast<int64_t>(n_loops), threads, thread);
-                for (int64_t first = 0; first < width; first += kProgressPixels) {
-                    const int64_t end = std::min(width, first + kProgressPixels);
-                    add_loop_closures(loops.data() + mine.first, mine.end - mine.first, stack, first, end,
-                                      moments + mine.first);
-                    if (thread == 0) lib::progress_add(end - first);
-                }
+                const lib::Block mine =
+                    lib::block_of(static_cast<int64_t>(n_loops), omp_get_num_threads(), omp_get_thread_num());
+                add_loop_closures(loops.data() + mine.first, mine.end - mine.first, stack, 0, width,
+                                  moments + mine.first);
             }
-            lib::progress_end();
             for (size_t l = 0; l < n_loops; ++l) print_progress_lines(l, n_loops, marks);
         }
-        lib::free2d_float(stack, static_cast<int>(n_ifg));
-        return {};
-    });
+        if (to >= 0)
+            lib::send_to(to, std::vector<char>(reinterpret_cast<const char*>(moments),
+                                               reinterpret_cast<const char*>(moments) + state_bytes));
+        if (stack) lib::free2d_float(stack, static_cast<int>(n_ifg));
+        return loaded.ok() ? lib::Status() : lib::Status(std::move(loaded).error());
+    };
+    if (!lib::spread())
+        return lib::for_each_batch(pixel_total, cfg.maxcap, [&](const lib::Batch& batch) -> lib::Status {
+            std::fprintf(stderr, "\n=>Caculating phase closure maps batch %d / %.0f\n", batch.number, total);
+            SBAS_TAKE(float** stack, com::readallfile_nomask(cfg, batch.first, batch.end, reference_values));
+            if (n_loops > 0) {
+                add_batch(cfg, loops, stack, batch.end - batch.first, closures.pixels.get() + batch.first, moments,
+                          true);
+                for (size_t l = 0; l < n_loops; ++l) print_progress_lines(l, n_loops, marks);
+            }
+            lib::free2d_float(stack, static_cast<int>(n_ifg));
+            return {};
+        });
+
+    std::vector<lib::Batch> batches;
+    SBAS_TRY(lib::for_each_batch(pixel_total, cfg.maxcap, [&](const lib::Batch& b) { batches.push_back(b); }));
+    const lib::Ranks place = lib::ranks();
+    const size_t count = batches.size();
+    for (size_t round = 0; round < count; round += static_cast<size_t>(place.size)) {
+        lib::begin_round();
+        const size_t mine = round + static_cast<size_t>(place.rank);
+        const size_t last = std::min(count, round + static_cast<size_t>(place.size)) - 1;
+        lib::Status done;
+        if (mine < count) {
+            const int from = place.rank > 0 ? place.rank - 1 : -1;
+            const int to = mine < last ? place.rank + 1 : -1;
+            done = one_batch(batches[mine], from, to);
+        }
+        // Every rank takes the loops' state after the round's last batch.
+        std::vector<char> state(reinterpret_cast<const char*>(moments),
+                                reinterpret_cast<const char*>(moments) + state_bytes);
+        lib::broadcast(state, static_cast<int>(last - round));
+        if (state.size() == state_bytes && state_bytes > 0) std::memcpy(moments, state.data(), state_bytes);
+        SBAS_TRY(lib::end_round(std::move(done)));
+    }
+    std::vector<int64_t> first, end;
+    std::vector<int> owner;
+    for (size_t k = 0; k < count; ++k) {
+        first.push_back(batches[k].first);
+        end.push_back(batches[k].end);
+        owner.push_back(static_cast<int>(k % static_cast<size_t>(place.size)));
+    }
+    lib::collect(reinterpret_cast<char*>(closures.pixels.get()), sizeof(PixelClosure), first, end, owner);
+    return {};
 }
 
 // Step 2: the pixel threshold, from the deviations of every looped pixel,
@@ -327,6 +400,9 @@ lib::Status remove_ifg_by_loop_closure_with_reference(CFG* cfg, const HEADER& he
                       lib::Owned<lib::RunningMoments>(static_cast<int64_t>(loops.size())),
                       lib::Owned<IfgClosure>(static_cast<int64_t>(cfg->ifg_names.size()))};
     SBAS_TRY(accumulate(*cfg, header, reference_values, loops, closures));
+    // In an MPI run rank 0, which now holds every pixel's and loop's state,
+    // finishes the check alone; the driver hands its outcome to the others.
+    if (lib::ranks().rank != 0) return {};
     const PixelClosure* pixels = closures.pixels.get();
 
     pixel_threshold(cfg, pixels, pixel_total);
