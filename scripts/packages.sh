@@ -10,7 +10,7 @@
 sbas_install_packages() {
     local needed=(g++ cmake make libfftw3-dev libgtest-dev clang libclang-rt-14-dev libomp-dev
                   pkg-config libgdal-dev libnetcdf-dev libplplot-dev plplot-driver-cairo
-                  libhdf5-dev gdal-bin chromium)
+                  libhdf5-dev gdal-bin chromium libopenmpi-dev openmpi-bin)
     local missing=()
     local p
     for p in "${needed[@]}"; do
