@@ -33,6 +33,7 @@
 #include "filter/spatio_temporal.h"
 #include "filter/temporal.h"
 #include "inversion/network.h"
+#include "numerics/accounting.h"
 #include "numerics/arrays.h"
 #include "numerics/parallel.h"
 #include "numerics/ranks.h"
@@ -236,9 +237,19 @@ lib::Status apply_filters(CFG cfg, const HEADER& grid)
     }
 }
 
+// Runs a stage and adds its cost to `costs` (when not null).
+template <typename Stage>
+lib::Status timed(std::vector<lib::StageCost>* costs, const char* name, Stage stage)
+{
+    const lib::StageClock clock{costs, name};
+    lib::Status status = stage();
+    clock.done();
+    return status;
+}
+
 }  // namespace
 
-lib::Status sbas_allocate_area(const char* config_path)
+lib::Status sbas_allocate_area(const char* config_path, std::vector<lib::StageCost>* costs)
 {
     SBAS_TAKE(JOB job, app::load_job(config_path));
     Run run{std::move(job.cfg), job.header, {}, {}, {}, {}};
@@ -248,21 +259,26 @@ lib::Status sbas_allocate_area(const char* config_path)
     // Reference values on the interferograms as given (the loop-closure
     // check needs them); zeros when nothing consumes them.
     run.reference_values = lib::Owned<float>::adopt(lib::per_interferogram(cfg.ifg_names.size()));
-    if (reference_consumer(cfg)) SBAS_TRY(compute_reference_values(run));
+    if (reference_consumer(cfg))
+        SBAS_TRY(timed(costs, "reference values", [&] { return compute_reference_values(run); }));
 
     run.closure_mask = lib::Owned<float>(com::pixel_count(run.grid));
-    if (cfg.if_check_loop_closure == 1) SBAS_TRY(check_loop_closure(run));
+    if (cfg.if_check_loop_closure == 1)
+        SBAS_TRY(timed(costs, "loop closure", [&] { return check_loop_closure(run); }));
     // The check may have rejected every interferogram.
     if (cfg.if_inverse_time_series != 0 || cfg.if_stacking == 1) SBAS_TRY(require_interferograms(cfg));
 
-    if (corrections_asked(cfg)) SBAS_TRY(correct_interferograms(run));
+    if (corrections_asked(cfg))
+        SBAS_TRY(timed(costs, "corrections and references", [&] { return correct_interferograms(run); }));
     SBAS_TRY(order_the_network(run));
 
     if (cfg.if_stacking == 1)
-        SBAS_TRY(rstacking::start_rstacking(cfg, run.grid, run.closure_mask.get(), run.reference_values.get()));
+        SBAS_TRY(timed(costs, "stacking", [&] {
+            return rstacking::start_rstacking(cfg, run.grid, run.closure_mask.get(), run.reference_values.get());
+        }));
     if (cfg.if_inverse_time_series != 0) {
         warn_physical_settings(cfg);
-        SBAS_TRY(invert_in_batches(run));
+        SBAS_TRY(timed(costs, "inversion", [&] { return invert_in_batches(run); }));
     }
 
     if (corrections_asked(cfg) && cfg.if_keep_corrected_ifg == 0 &&
@@ -270,7 +286,7 @@ lib::Status sbas_allocate_area(const char* config_path)
         if (lib::ranks().rank == 0) delete_corrected_copies(cfg);
 
     SBAS_TRY(reload_kept_list(run));
-    SBAS_TRY(apply_filters(cfg, run.grid));
+    SBAS_TRY(timed(costs, "filters", [&] { return apply_filters(cfg, run.grid); }));
     return com::trim_spread_outputs(com::pixel_count(run.grid));
 }
 

@@ -16,12 +16,14 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <vector>
 
 #include <new>
 
 #include "app/banner.h"
 #include "app/driver.h"
 #include "numerics/error.h"
+#include "numerics/ranks.h"
 #include "numerics/sink.h"
 
 namespace app {
@@ -33,6 +35,9 @@ const char kUsage[] =
     "                                    the same run; one that stops on an error ends\n"
     "                                    with status 1 instead of 0 (use it under a\n"
     "                                    workflow engine or a batch scheduler)\n"
+    "       sbas-ts --stage-report CONFIGURATION_FILE\n"
+    "                                    the same run, and before its last lines the wall\n"
+    "                                    time and the bytes read of every stage (per rank)\n"
     "       sbas-ts license              the licence notices\n"
     "       sbas-ts --help | --version\n"
     "\n"
@@ -55,9 +60,17 @@ int run(int argc, char** argv)
 {
     int first = 1;
     int failure = 0;
-    if (argc > 1 && argv[1] && std::strcmp(argv[1], "--error-status") == 0) {
-        first = 2;
-        failure = 1;
+    bool stage_report = false;
+    for (bool option = true; option && argc > first && argv[first];) {
+        if (std::strcmp(argv[first], "--error-status") == 0) {
+            failure = 1;
+            ++first;
+        } else if (std::strcmp(argv[first], "--stage-report") == 0) {
+            stage_report = true;
+            ++first;
+        } else {
+            option = false;
+        }
     }
     if (argc <= first || !argv[first]) {
         std::fputs(kUsage, stderr);
@@ -88,11 +101,13 @@ int run(int argc, char** argv)
     std::set_new_handler([] { lib::out_of_memory(); });
     print_banner(stderr);
     const std::time_t started = std::time(nullptr);
-    const lib::Status ran = sbas::sbas_allocate_area(argument);
+    std::vector<lib::StageCost> costs;
+    const lib::Status ran = sbas::sbas_allocate_area(argument, stage_report ? &costs : nullptr);
     if (!ran.ok()) {
-        lib::write(ran.error());
+        if (lib::ranks().rank == 0) lib::write(ran.error());
         return failure;
     }
+    if (stage_report) lib::report_stage_costs(costs);
     const std::time_t finished = std::time(nullptr);
     std::fputs(format_total_time(std::difftime(finished, started)).c_str(), stderr);
     std::fputs("finish!\n", stderr);

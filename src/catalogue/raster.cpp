@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "config/fatal.h"
+#include "numerics/accounting.h"
 #include "numerics/ranks.h"
 
 namespace com {
@@ -29,7 +30,7 @@ lib::Status read_samples(FILE* stream, const char* path, int64_t first, int64_t 
     size_t got = 0;
     if (std::fseek(stream, static_cast<long>(4 * first), SEEK_SET) == 0 && count > 0)
         got = std::fread(out, sizeof(float), static_cast<size_t>(count), stream);
-    (void)got;
+    lib::count_read(static_cast<int64_t>(4 * got));
     const long position = std::ftell(stream);
     if (position != 4 * (first + count))
         return lib::error(lib::Fault::size, path, lib::Stream::err, "%s file size wrong %d\n", path,
