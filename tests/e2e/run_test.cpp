@@ -62,7 +62,8 @@ TEST(CommandLine, LicenceUsageAndLookalikes)
     }
 }
 
-// --error-status changes the status of a run that stops, and nothing else.
+// --error-status changes the status of a run that stops, and nothing else;
+// --stage-report adds the costs of the stages before the last lines.
 TEST(CommandLine, ErrorStatusGivesOneToARunThatStops)
 {
     const Outcome plain = run_program({"missing.txt"});
@@ -76,6 +77,10 @@ TEST(CommandLine, ErrorStatusGivesOneToARunThatStops)
     const Outcome finished = run_program({"--error-status", job->config()});
     EXPECT_TRUE(finished.status == 0 && finished.err.ends_with("finish!\n")) << finished.err;
     EXPECT_EQ(run_program({"--error-status"}).status, 1);  // no configuration: the usage
+    const Outcome report = run_program({"--stage-report", "--error-status", job->config()});
+    EXPECT_TRUE(contains(report.err, "\nStage report (wall seconds / MiB read, per rank)\ninversion ") &&
+                report.err.ends_with("finish!\n"))
+        << report.err;
 }
 
 // The banner, the batches of the inversion (24 pixels in batches of 5: the
