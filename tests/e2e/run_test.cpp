@@ -78,7 +78,8 @@ TEST(CommandLine, ErrorStatusGivesOneToARunThatStops)
     EXPECT_TRUE(finished.status == 0 && finished.err.ends_with("finish!\n")) << finished.err;
     EXPECT_EQ(run_program({"--error-status"}).status, 1);  // no configuration: the usage
     const Outcome report = run_program({"--stage-report", "--error-status", job->config()});
-    EXPECT_TRUE(contains(report.err, "\nStage report (wall seconds / MiB read, per rank)\ninversion ") &&
+    EXPECT_TRUE(contains(report.err, "\nStage report (wall seconds / MiB read, per rank)\n") &&
+                contains(report.err, "\ninversion    ") &&
                 report.err.ends_with("finish!\n"))
         << report.err;
 }
