@@ -132,11 +132,9 @@ lib::Status check_loop_closure(Run& run)
 // interferograms to a reference chosen on them.
 lib::Status correct_interferograms(Run& run)
 {
-    SBAS_TRY(on_first_rank(run.cfg, nullptr, [&]() -> lib::Status {
-        if (run.cfg.if_remove_eds == 1) SBAS_TRY(quality::bach_removel_height_dependent(&run.cfg, run.grid));
-        if (run.cfg.if_remove_orbit == 1) SBAS_TRY(quality::bach_removel_orbit(&run.cfg, run.grid));
-        return {};
-    }));
+    // Every rank corrects its share of the interferograms.
+    if (run.cfg.if_remove_eds == 1) SBAS_TRY(quality::bach_removel_height_dependent(&run.cfg, run.grid));
+    if (run.cfg.if_remove_orbit == 1) SBAS_TRY(quality::bach_removel_orbit(&run.cfg, run.grid));
     if (!reference_consumer(run.cfg)) return {};
     std::fputs("\n*************Updating reference point values*************\n", stderr);
     return compute_reference_values(run);

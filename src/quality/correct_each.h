@@ -6,7 +6,9 @@
 // thread with its own scratch, made once and only when the thread has work.
 // Every thread writes only its own list entries. The first interferogram in
 // list order that fails is the error reported, whatever the thread count;
-// threads stop at once past a failure already met.
+// threads stop at once past a failure already met. In an MPI run the list
+// is first cut into contiguous blocks, one per rank, and the error is the
+// first in list order over all ranks.
 #pragma once
 
 #include <omp.h>
@@ -20,6 +22,7 @@
 #include "numerics/error.h"
 #include "numerics/parallel.h"
 #include "numerics/progress.h"
+#include "numerics/ranks.h"
 
 namespace quality {
 
@@ -34,11 +37,16 @@ lib::Status correct_each(CFG* cfg, const char* label, const char* suffix, MakeSc
                          Correct correct)
 {
     const int64_t n = static_cast<int64_t>(cfg->ifg_names.size());
+    const lib::Ranks place = lib::ranks();
+    const lib::Block rank_items = lib::block_of(n, place.size, place.rank);
     lib::FirstError failure;
-    lib::progress_begin(label, n, "interferograms");
+    lib::progress_begin(label, rank_items.end - rank_items.first, "interferograms");
 #pragma omp parallel num_threads(lib::region_threads(cfg->max_parallel_threads))
     {
-        const lib::Block mine = lib::block_of(n, omp_get_num_threads(), omp_get_thread_num());
+        lib::Block mine =
+            lib::block_of(rank_items.end - rank_items.first, omp_get_num_threads(), omp_get_thread_num());
+        mine.first += rank_items.first;
+        mine.end += rank_items.first;
         if (mine.first < mine.end) {
             auto scratch = make_scratch();
             for (int64_t i = mine.first; i < mine.end && !failure.past(i); ++i) {
@@ -50,13 +58,13 @@ lib::Status correct_each(CFG* cfg, const char* label, const char* suffix, MakeSc
                     failure.record(i, std::move(done).error());
                     break;
                 }
-                name += suffix;
                 lib::progress_add(1);
             }
         }
     }
     lib::progress_end();
-    SBAS_TRY(failure.status());
+    SBAS_TRY(lib::agree(failure.index, failure.status()));
+    for (std::string& name : cfg->ifg_names) name += suffix;
     std::snprintf(cfg->datafolder, sizeof cfg->datafolder, "%s", cfg->resultfolder);
     return {};
 }
