@@ -102,6 +102,10 @@ namespace {
 // z itself, but +0.0 for -0.0.
 inline double canon(double z) { return z + 0.0; }
 
+// all_finite in the machine's widest vectors.
+SBAS_VECTOR_CLONES
+bool finite(const double* v, int64_t count) { return all_finite(v, count); }
+
 }  // namespace
 
 void index_design(const double* A, int64_t L, int64_t M, SparseDesign& design)
@@ -132,7 +136,7 @@ bool diagonal_normal_matrix(const SparseDesign& design, const double* w, int64_t
     const int64_t* start = design.row_start.data();
     const int64_t* columns = design.columns.data();
     const double* values = design.values.data();
-    if (!all_finite(values, start[L]) || !all_finite(w, L)) return false;
+    if (!finite(values, start[L]) || !finite(w, L)) return false;
     // S[a, b] sums T[a, l] A[l, b] over l from 0.0 with T = A^T W, T[a, l] =
     // A[l, a] w[l] (+0.0 where A[l, a] is zero). A term is a zero product
     // unless both A[l, a] and A[l, b] are nonzero, so row l adds to the
@@ -226,7 +230,7 @@ bool diagonal_estimator(const SparseDesign& design, const double* w, int64_t L, 
     // The next product skips zeros of A and so needs S finite (the inverse
     // of a nearly singular matrix may overflow); the last one skips zeros of
     // W and needs w finite.
-    if (!all_finite(S, M * M) || !all_finite(w, L) || !all_finite(design.values.data(), start[L])) return false;
+    if (!finite(S, M * M) || !finite(w, L) || !finite(design.values.data(), start[L])) return false;
     // Column l of T = S A^T sums S[:, j] A[l, j] over the nonzero columns j
     // of row l, in increasing j, from 0.0; then E = T W is the single term
     // T[i, l] w[l] per element (canon of the product), which needs T finite.
@@ -234,9 +238,12 @@ bool diagonal_estimator(const SparseDesign& design, const double* w, int64_t L, 
     // so that vectors of rows fill the lanes; E's rows past M receive 0.0.
     const int64_t ldS = (M + 7) / 8 * 8;
     std::vector<double>& padded = work.padded;
-    padded.assign(static_cast<size_t>(ldS * M), 0.0);
-    for (int64_t j = 0; j < M; ++j)
-        for (int64_t i = 0; i < M; ++i) padded[static_cast<size_t>(j * ldS + i)] = S[j * M + i];
+    padded.resize(static_cast<size_t>(ldS * M));
+    for (int64_t j = 0; j < M; ++j) {
+        double* to = padded.data() + j * ldS;
+        std::copy(S + j * M, S + (j + 1) * M, to);
+        std::fill(to + M, to + ldS, 0.0);
+    }
     // Rows are taken grouped by their number of terms (a counting sort), so
     // that the loop over a row's terms runs the same length many times over
     // and its end is predicted.

@@ -92,6 +92,26 @@ SBAS_LANES_INLINE void eliminate(const typename Vectors<W>::V* lu, typename Vect
     for (; i0 < n; i0 += B) eliminate_rows<W, B, C>(lu, v, n, i0, 0, hi);
 }
 
+// Whether some lane of v is nonzero (-0.0 counts as zero, a NaN as
+// nonzero).
+template <int W>
+SBAS_LANES_INLINE bool any_nonzero(typename Vectors<W>::V v)
+{
+    const typename Vectors<W>::I nonzero = v != 0.0;
+    int64_t any = 0;
+    for (int k = 0; k < W; ++k) any |= nonzero[k];
+    return any != 0;
+}
+
+// The smallest lane of v.
+template <int W>
+SBAS_LANES_INLINE int lowest(typename Vectors<W>::I v)
+{
+    int64_t least = v[0];
+    for (int k = 1; k < W; ++k) least = v[k] < least ? v[k] : least;
+    return static_cast<int>(least);
+}
+
 // The end of Crout's step for column j, whose entries have all their terms:
 // the pivot (largest scaled magnitude, ties to the later row), the row swap
 // lane by lane, and the division below the pivot.
@@ -171,6 +191,93 @@ SBAS_LANES_INLINE void factor(typename Vectors<W>::V* lu, typename Vectors<W>::V
     for (int k = 0; k < W; ++k) singular[k] = bad[k] != 0;
 }
 
+// factor() for sparse matrices, with the same result to the bit. Each row
+// carries, through the swaps, the first column where it is nonzero in some
+// lane (first[i] lane by lane, row_first[i] over the lanes, given on entry
+// for the matrices as they are); a row's factors before that column are
+// zero. Column j starts where its entries before any elimination are zero
+// in every lane (the top), and element (i, j) takes only the terms between
+// the later of the top and its row's first column and min(i, j). Every term
+// left out is a product with a zero; with finite factors it is +0.0 or
+// -0.0, and subtracting it from a sum that is not -0.0 changes nothing. No
+// sum here can be -0.0 (a difference is -0.0 only when its first operand
+// is) as long as no entry of the matrix is -0.0. So the result is factor()'s
+// where the matrix holds no -0.0 and the factors come out finite; the caller
+// checks the matrix, `found` flags (top bit) the lanes whose factors are
+// not all finite. Rows go in increasing order, which finishes every entry of
+// the column before it is used. scale holds the rows' largest magnitudes on
+// entry. The upper factor's row i is left nonzero only in the columns
+// ulist[i * n .. i * n + ucount[i]), increasing.
+template <int W>
+SBAS_LANES_INLINE void factor_sparse(typename Vectors<W>::V* lu, typename Vectors<W>::V* scale,
+                                     typename Vectors<W>::I* first, int* row_first, int* pivots, int* ucount,
+                                     int* ulist, int64_t n, bool* singular, typename Vectors<W>::B& found)
+{
+    using V = typename Vectors<W>::V;
+    using I = typename Vectors<W>::I;
+    I bad = {};
+    for (int64_t i = 0; i < n; ++i) {
+        bad |= scale[i] == 0.0;
+        scale[i] = 1.0 / scale[i];
+        ucount[i] = 0;
+    }
+    for (int64_t j = 0; j < n; ++j) {
+        V* col = lu + j * n;
+        int64_t top = 0;
+        while (top < n && !any_nonzero<W>(col[top])) ++top;
+        for (int64_t i = top; i < n; ++i) {
+            const int64_t lo = std::max<int64_t>(row_first[i], top);
+            const int64_t hi = std::min(i, j);
+            if (lo < hi) {
+                V acc = col[i];
+                for (int64_t q = lo; q < hi; ++q) acc -= lu[q * n + i] * col[q];
+                col[i] = acc;
+                flag_nonfinite<W>(found, acc);
+            }
+            if (i < j && any_nonzero<W>(col[i])) ulist[i * n + ucount[i]++] = static_cast<int>(j);
+        }
+        // The pivot, as pivot_column, the row swap carrying the rows' first
+        // columns along.
+        V big = {};
+        I pivot = I{} + j;
+        for (int64_t i = j; i < n; ++i) {
+            const V d = scale[i] * (V)((I)col[i] & INT64_MAX);
+            const I take = d >= big;
+            big = take ? d : big;
+            pivot = take ? I{} + i : pivot;
+        }
+        bool swapped = false;
+        for (int k = 0; k < W; ++k) {
+            const int64_t r = pivot[k];
+            pivots[j * W + k] = static_cast<int>(r);
+            if (r == j) continue;
+            swapped = true;
+            for (int64_t q = 0; q < n; ++q) {
+                const double t = lu[q * n + r][k];
+                lu[q * n + r][k] = lu[q * n + j][k];
+                lu[q * n + j][k] = t;
+            }
+            scale[r][k] = scale[j][k];
+            const int64_t f = first[r][k];
+            first[r][k] = first[j][k];
+            first[j][k] = f;
+        }
+        if (swapped) {
+            row_first[j] = lowest<W>(first[j]);
+            for (int k = 0; k < W; ++k) row_first[pivot[k]] = lowest<W>(first[pivot[k]]);
+        }
+        bad |= col[j] == 0.0;
+        if (j != n - 1) {
+            const V r = 1.0 / col[j];
+            for (int64_t i = j + 1; i < n; ++i) {
+                col[i] *= r;
+                flag_nonfinite<W>(found, col[i]);
+            }
+        }
+    }
+    for (int k = 0; k < W; ++k) singular[k] = bad[k] != 0;
+}
+
 // The inverse from the factors, column c of x (x[c * n + i]) being what
 // lubksb leaves of unit vector c, lane by lane. ut holds the factors
 // transposed (ut[i * n + j] = lu[j * n + i]) so that a row of either factor
@@ -228,6 +335,62 @@ SBAS_LANES_INLINE void invert(const typename Vectors<W>::V* ut, const int* posit
     }
 }
 
+// invert() for sparse factors, with the same result to the bit, reading the
+// factors in place (lu as factor_sparse leaves it): element i of the
+// forward substitution takes the terms from its row's first column
+// (row_first[i]: the lower factor is zero before it), the back substitution
+// only the entries of the upper factor's row i in ulist. As in
+// factor_sparse, every term left out is a zero product that changes no sum,
+// provided the factors and the solution are finite; `found` flags (top bit)
+// the lanes whose solution is not.
+template <int W>
+SBAS_LANES_INLINE void invert_sparse(const typename Vectors<W>::V* lu, const int* position, const int* row_first,
+                                     const int* ucount, const int* ulist, int64_t n, typename Vectors<W>::V* x,
+                                     typename Vectors<W>::B& found)
+{
+    using V = typename Vectors<W>::V;
+    constexpr int B = 4;
+    for (int64_t c0 = 0; c0 < n; c0 += B) {
+        const int64_t columns = std::min<int64_t>(B, n - c0);
+        V* xs[B];
+        int64_t lo = n;
+        for (int s = 0; s < B; ++s) {
+            xs[s] = x + (c0 + (s < columns ? s : 0)) * n;
+            if (s >= columns) continue;
+            for (int64_t i = 0; i < n; ++i) xs[s][i] = V{};
+            for (int k = 0; k < W; ++k) {
+                const int64_t at = position[(c0 + s) * W + k];
+                xs[s][at][k] = 1.0;
+                lo = std::min(lo, at);
+            }
+        }
+        for (int64_t i = lo + 1; i < n; ++i) {
+            V acc[B];
+            for (int s = 0; s < B; ++s) acc[s] = xs[s][i];
+            for (int64_t j = std::max<int64_t>(row_first[i], lo); j < i; ++j) {
+                const V l = lu[j * n + i];
+                for (int s = 0; s < B; ++s) acc[s] -= l * xs[s][j];
+            }
+            for (int s = 0; s < B; ++s) xs[s][i] = acc[s];
+        }
+        for (int64_t i = n - 1; i >= 0; --i) {
+            V acc[B];
+            for (int s = 0; s < B; ++s) acc[s] = xs[s][i];
+            const int* list = ulist + i * n;
+            for (int t = 0; t < ucount[i]; ++t) {
+                const int64_t j = list[t];
+                const V v = lu[j * n + i];
+                for (int s = 0; s < B; ++s) acc[s] -= v * xs[s][j];
+            }
+            const V d = lu[i * n + i];
+            for (int s = 0; s < B; ++s) {
+                xs[s][i] = acc[s] / d;
+                flag_nonfinite<W>(found, xs[s][i]);
+            }
+        }
+    }
+}
+
 // Transposes the W x W block r (r[k][t] becomes r[t][k]) with rounds of
 // shuffles.
 template <int W>
@@ -267,22 +430,46 @@ SBAS_LANES_INLINE void transpose(typename Vectors<W>::V* r)
     }
 }
 
+// Where the one of unit vector c lands after the swaps of lubksb (entry i
+// with entry pivots[i], for i = 0 .. n-1), lane by lane: swap a list of the
+// row labels the same way and read it backwards.
+template <int W>
+SBAS_LANES_INLINE void set_positions(const int* pivots, int* position, int* label, int64_t n)
+{
+    for (int k = 0; k < W; ++k) {
+        for (int64_t i = 0; i < n; ++i) label[i] = static_cast<int>(i);
+        for (int64_t i = 0; i < n; ++i) std::swap(label[i], label[pivots[i * W + k]]);
+        for (int64_t i = 0; i < n; ++i) position[label[i] * W + k] = static_cast<int>(i);
+    }
+}
+
 // Inverts the W matrices from[k] (n x n) in lanes into `to`: lane k's
-// inverse goes to to[k] when keep[k] ends set, that is when the matrix is
-// neither singular nor has factors that are not all finite (nonfinite[k]).
+// inverse goes to to[k] when keep[k] ends set. redo[k] is set where the
+// lanes cannot vouch for the bits of matinv_acc, which must then invert
+// the matrix itself: factors that are not all finite, and with sparse
+// matrices also a -0.0 or a non-finite entry in the matrix, a zero pivot or
+// an inverse that is not all finite. Sparse matrices (rows that start, on
+// the whole, far right of the first column: banded, or banded but for a
+// few rows) take factor_sparse and invert_sparse, the others the dense
+// kernels.
 template <int W>
 SBAS_LANES_INLINE void invert_lanes(const double* const* from, double* const* to, int64_t n, double* storage,
-                                    int* pivots, bool* keep, bool* nonfinite)
+                                    int* pivots, int* structure, bool* keep, bool* redo)
 {
     using V = typename Vectors<W>::V;
+    using I = typename Vectors<W>::I;
     using U = typename Vectors<W>::U;
     using Bits = typename Vectors<W>::B;
     const int64_t cells = n * n;
     V* lu = reinterpret_cast<V*>(storage);
     V* ut = lu + cells;
     V* scale = ut + cells;
+    I* first = reinterpret_cast<I*>(scale + n);
     int* position = pivots + n * W;
     int* label = position + n * W;
+    int* row_first = structure;
+    int* ucount = row_first + n;
+    int* ulist = ucount + n;
 
     // Interleaving: W consecutive elements of the W matrices are a W x W
     // block, transposed.
@@ -296,47 +483,80 @@ SBAS_LANES_INLINE void invert_lanes(const double* const* from, double* const* to
     for (; q < cells; ++q)
         for (int k = 0; k < W; ++k) lu[q][k] = from[k][q];
 
+    // Where each row starts, lane by lane, and what the matrices hold.
+    // Also the rows' largest magnitudes, as factor() finds them (a NaN
+    // never wins), for factor_sparse.
+    Bits odd = {};
+    for (int64_t i = 0; i < n; ++i) {
+        first[i] = I{} + n;
+        scale[i] = V{};
+    }
+    for (int64_t j = n - 1; j >= 0; --j)
+        for (int64_t i = 0; i < n; ++i) {
+            const V a = lu[j * n + i];
+            first[i] = a != 0.0 ? I{} + j : first[i];
+            flag_nonfinite<W>(odd, a);
+            odd |= (Bits)((Bits)a == 0x8000000000000000ULL);  // -0.0
+            const V t = (V)((I)a & INT64_MAX);
+            scale[i] = t > scale[i] ? t : scale[i];
+        }
+    int64_t envelope = 0;
+    for (int64_t i = 0; i < n; ++i) {
+        row_first[i] = lowest<W>(first[i]);
+        envelope += std::max<int64_t>(i - row_first[i], 0);
+    }
+    const bool sparse = 4 * envelope <= cells;
+
     bool singular[W];
-    factor<W>(lu, scale, pivots, n, singular);
-    Bits found = {};
-    for (int64_t c = 0; c < cells; ++c) flag_nonfinite<W>(found, lu[c]);
-    for (int k = 0; k < W; ++k) {
-        nonfinite[k] = !singular[k] && (found[k] >> 63) != 0;
-        keep[k] = keep[k] && !singular[k] && !nonfinite[k];
+    V* solution = lu;
+    if (sparse) {
+        Bits found = {};
+        factor_sparse<W>(lu, scale, first, row_first, pivots, ucount, ulist, n, singular, found);
+        set_positions<W>(pivots, position, label, n);
+        // The solution goes where the transposed factors go on the dense way.
+        solution = ut;
+        invert_sparse<W>(lu, position, row_first, ucount, ulist, n, solution, found);
+        for (int k = 0; k < W; ++k) {
+            redo[k] = singular[k] || ((found[k] | odd[k]) >> 63) != 0;
+            keep[k] = keep[k] && !redo[k];
+        }
+    } else {
+        factor<W>(lu, scale, pivots, n, singular);
+        Bits found = {};
+        for (int64_t c = 0; c < cells; ++c) flag_nonfinite<W>(found, lu[c]);
+        for (int k = 0; k < W; ++k) {
+            redo[k] = !singular[k] && (found[k] >> 63) != 0;
+            keep[k] = keep[k] && !singular[k] && !redo[k];
+        }
+        for (int64_t j = 0; j < n; ++j)
+            for (int64_t i = 0; i < n; ++i) ut[i * n + j] = lu[j * n + i];
+        set_positions<W>(pivots, position, label, n);
+        // The solution takes the place of the factors.
+        invert<W>(ut, position, n, lu);
     }
-    for (int64_t j = 0; j < n; ++j)
-        for (int64_t i = 0; i < n; ++i) ut[i * n + j] = lu[j * n + i];
-    // Where the one of unit vector c lands after the swaps of lubksb
-    // (entry i with entry pivots[i], for i = 0 .. n-1): swap a list of the
-    // row labels the same way and read it backwards.
-    for (int k = 0; k < W; ++k) {
-        for (int64_t i = 0; i < n; ++i) label[i] = static_cast<int>(i);
-        for (int64_t i = 0; i < n; ++i) std::swap(label[i], label[pivots[i * W + k]]);
-        for (int64_t i = 0; i < n; ++i) position[label[i] * W + k] = static_cast<int>(i);
-    }
-    // The solution takes the place of the factors.
-    invert<W>(ut, position, n, lu);
 
     q = 0;
     for (; q + W <= cells; q += W) {
         V r[W];
-        for (int t = 0; t < W; ++t) r[t] = lu[q + t];
+        for (int t = 0; t < W; ++t) r[t] = solution[q + t];
         transpose<W>(r);
         for (int k = 0; k < W; ++k)
             if (keep[k]) *reinterpret_cast<U*>(to[k] + q) = r[k];
     }
     for (; q < cells; ++q)
         for (int k = 0; k < W; ++k)
-            if (keep[k]) to[k][q] = lu[q][k];
+            if (keep[k]) to[k][q] = solution[q][k];
 }
 
-// Work storage of invert_lanes: factors, transposed factors and row scales,
-// lane-interleaved, on a 64-byte boundary; pivots, positions and labels.
+// Work storage of invert_lanes: factors, transposed factors, row scales and
+// rows' first columns, lane-interleaved, on a 64-byte boundary; pivots,
+// positions and labels; the sparse structure.
 template <int W>
 SBAS_LANES_INLINE double* lane_storage(LockstepScratch& scratch, int64_t n)
 {
-    scratch.storage.resize(static_cast<size_t>((2 * n * n + n) * W + 8));
+    scratch.storage.resize(static_cast<size_t>((2 * n * n + 2 * n) * W + 8));
     scratch.pivots.resize(static_cast<size_t>(3 * n * W));
+    scratch.structure.resize(static_cast<size_t>(n * n + 2 * n));
     const auto base = reinterpret_cast<uintptr_t>(scratch.storage.data());
     return reinterpret_cast<double*>((base + 63) / 64 * 64);
 }
@@ -355,18 +575,18 @@ SBAS_LANES_INLINE void matinv_group(double* const* a, int count, int64_t n, Lock
     for (int first = 0; first < count; first += W) {
         const double* from[W];
         double* to[W];
-        bool keep[W], nonfinite[W];
+        bool keep[W], redo[W];
         for (int k = 0; k < W; ++k) {
             const bool real = first + k < count;
             from[k] = real ? a[first + k] : identity.data();
             to[k] = real ? a[first + k] : nullptr;
             keep[k] = real;
         }
-        invert_lanes<W>(from, to, n, storage, scratch.pivots.data(), keep, nonfinite);
-        // A matrix whose factors are not all finite is done by the scalar
-        // routine; a singular one stays as it is.
+        invert_lanes<W>(from, to, n, storage, scratch.pivots.data(), scratch.structure.data(), keep, redo);
+        // What the lanes cannot vouch for is done by the scalar routine; a
+        // singular matrix stays as it is.
         for (int k = 0; k < W && first + k < count; ++k)
-            if (nonfinite[k]) {
+            if (redo[k]) {
                 std::vector<double> factors(static_cast<size_t>(n * n));
                 std::vector<int> rows(static_cast<size_t>(n));
                 matinv_acc(a[first + k], factors.data(), rows.data(), n);

@@ -19,6 +19,7 @@ inline constexpr int kLockstepLanes = 8;
 struct LockstepScratch {
     std::vector<double> storage;
     std::vector<int> pivots;
+    std::vector<int> structure;
     std::vector<double> identity;
 };
 

@@ -13,7 +13,10 @@
 //
 // Both searches stream the interferograms one at a time through the running
 // mean and sample variance, so memory holds one raster plus the
-// accumulators whatever the length of the list. A pixel or cell that holds
+// accumulators whatever the length of the list. The pixels (or rows of
+// cells) of an interferogram are shared out over max_parallel_threads
+// threads; each accumulator still takes its updates in list order, so the
+// choice does not depend on the thread count. A pixel or cell that holds
 // no data in any one interferogram is dropped for good: a reference must be
 // present in all of them. The third choice, the scene's global mean, needs
 // no search.
@@ -32,6 +35,7 @@
 #include "catalogue/raster.h"
 #include "config/fatal.h"
 #include "numerics/arrays.h"
+#include "numerics/parallel.h"
 #include "numerics/stats.h"
 #include "numerics/validity.h"
 #include "reference/ref_values.h"
@@ -85,6 +89,39 @@ lib::Status write_report(const CFG& cfg, int64_t index, const HEADER& header)
     return {};
 }
 
+// Streams the interferograms, list order, through visit(k, units, first,
+// samples) on max_parallel_threads threads: the grid is cut into `units`
+// runs of `unit_pixels` pixels, each thread takes a block of units and reads
+// only their pixels [first, ...) of every interferogram into `samples`, so
+// the threads never wait for one another. An interferogram that cannot be
+// read is reported as reading it whole reports it (the first one in the
+// list that fails); the accumulators are then of no use.
+template <typename Visit>
+lib::Status for_each_slice(const CFG& cfg, int64_t pixels, int64_t units, int64_t unit_pixels, Visit visit)
+{
+    const int64_t n = static_cast<int64_t>(cfg.ifg_names.size());
+    lib::FirstError failure;
+#pragma omp parallel num_threads(lib::region_threads(cfg.max_parallel_threads))
+    {
+        const lib::Block block = lib::block_of(units, omp_get_num_threads(), omp_get_thread_num());
+        const int64_t first = std::min(block.first * unit_pixels, pixels);
+        const int64_t end = std::min(block.end * unit_pixels, pixels);
+        lib::Owned<float> samples(std::max<int64_t>(end - first, 1));
+        for (int64_t k = 0; k < n && !failure.past(k); ++k) {
+            const Path path = join_path(cfg.datafolder, cfg.ifg_names[k].c_str());
+            lib::Status read = read_raster(path.c_str(), first, end - first, samples.get());
+            if (!read.ok()) {
+                lib::Owned<float> whole(std::max<int64_t>(pixels, 1));
+                lib::Status again = read_raster(path.c_str(), 0, pixels, whole.get());
+                failure.record(k, again.ok() ? std::move(read).error() : std::move(again).error());
+                break;
+            }
+            visit(static_cast<size_t>(k), block, first, static_cast<const float*>(samples.get()));
+        }
+    }
+    return failure.status();
+}
+
 }  // namespace
 
 lib::Result<int64_t> find_ref_point(CFG cfg, const HEADER& header)
@@ -93,17 +130,20 @@ lib::Result<int64_t> find_ref_point(CFG cfg, const HEADER& header)
     const lib::Owned<lib::RunningMoments> moments(pixels);
 
     // A mean of 0 marks an excluded pixel: invalid once, it stays out.
-    SBAS_TRY(for_each_raster(cfg.datafolder, cfg.ifg_names, pixels, [&](size_t k, const float* samples) {
-        for (int64_t p = 0; p < pixels; ++p) {
+    // Pixels are independent: each thread updates a block of them.
+    const auto update = [&](size_t k, lib::Block block, int64_t first, const float* samples) {
+        for (int64_t p = block.first; p < block.end && p < pixels; ++p) {
             lib::RunningMoments& m = moments[p];
-            if ((k == 0 || lib::isvalid_double(m.mean)) && lib::isvalid(samples[p])) {
-                m.add(samples[p], lib::PreviousMean::rounded_to_float);
+            const float x = samples[p - first];
+            if ((k == 0 || lib::isvalid_double(m.mean)) && lib::isvalid(x)) {
+                m.add(x, lib::PreviousMean::rounded_to_float);
             } else if (k > 0) {
                 m.mean = 0;
                 m.variance = 0;
             }
         }
-    }));
+    };
+    SBAS_TRY(for_each_slice(cfg, pixels, pixels, 1, update));
 
     // A variance of exactly 0 (a constant pixel, or a single interferogram)
     // is no evidence of stability and does not qualify.
@@ -147,14 +187,18 @@ lib::Result<int64_t> find_ref_grid(CFG cfg, const HEADER& header)
     double* cell_sum = sums.get();
     double* cell_n = counts.get();
 
-    SBAS_TRY(for_each_raster(cfg.datafolder, cfg.ifg_names, pixels, [&](size_t k, const float* samples) {
+    // Rows of cells are independent: each thread takes a block of them,
+    // their rows in order.
+    const int64_t rows = pixels > 0 ? header.FILE_LENGTH : 0;
+    const auto update = [&](size_t k, lib::Block band, int64_t first, const float* samples) {
+        const int64_t first_cell = band.first * across, end_cell = band.end * across;
         // One pass in raster order adds each cell's samples row by row, the
         // order a cell-by-cell walk would take.
-        std::fill(cell_sum, cell_sum + cells, 0.0);
-        std::fill(cell_n, cell_n + cells, 0.0);
-        for (int64_t i = 0; i < (pixels > 0 ? header.FILE_LENGTH : 0); ++i) {
+        std::fill(cell_sum + first_cell, cell_sum + end_cell, 0.0);
+        std::fill(cell_n + first_cell, cell_n + end_cell, 0.0);
+        for (int64_t i = band.first * side; i < std::min(band.end * side, rows); ++i) {
             const int64_t cell_row = (i / side) * across;
-            const float* line = samples + i * header.WIDTH;
+            const float* line = samples + (i * header.WIDTH - first);
             for (int64_t j = 0; j < header.WIDTH; ++j) {
                 if (!lib::isvalid(line[j])) continue;
                 const int64_t cell = cell_row + j / side;
@@ -162,7 +206,7 @@ lib::Result<int64_t> find_ref_grid(CFG cfg, const HEADER& header)
                 cell_n[cell] += 1;
             }
         }
-        for (int64_t cell = 0; cell < cells; ++cell) {
+        for (int64_t cell = first_cell; cell < end_cell; ++cell) {
             lib::RunningMoments& m = moments[cell];
             if (k > 0 && m.count < 0.5) continue;
             if (cell_n[cell] < 0.5) {
@@ -171,7 +215,8 @@ lib::Result<int64_t> find_ref_grid(CFG cfg, const HEADER& header)
             }
             m.add(cell_sum[cell] / cell_n[cell], lib::PreviousMean::rounded_to_float);
         }
-    }));
+    };
+    SBAS_TRY(for_each_slice(cfg, pixels, down, side * (pixels > 0 ? header.WIDTH : 0), update));
 
     // Unlike the single-pixel search, a deviation of 0 qualifies here: the
     // cell's count, not its spread, decides whether it is a candidate.

@@ -10,7 +10,8 @@
 //
 // Without a reference pixel the value is the mean of every valid sample of
 // the interferogram, accumulated with the running mean and sample variance
-// so that a whole scene never has to be summed in one pass of squares.
+// so that a whole scene never has to be summed in one pass of squares;
+// interferograms are taken on max_parallel_threads threads, one raster each.
 //
 // Both forms stop the run when an interferogram has nothing to offer: a
 // reference of no data would shift that interferogram by an arbitrary
@@ -25,6 +26,7 @@
 #include "catalogue/raster.h"
 #include "config/fatal.h"
 #include "numerics/arrays.h"
+#include "numerics/parallel.h"
 #include "numerics/stats.h"
 #include "numerics/validity.h"
 
@@ -95,19 +97,41 @@ lib::Result<float*> get_ref_point_value(const CFG& cfg, const HEADER& header, in
 lib::Result<float*> get_ref_point_value_global_mean(const CFG& cfg, const HEADER& header)
 {
     const int64_t pixels = pixel_count(header);
+    const int64_t n = static_cast<int64_t>(cfg.ifg_names.size());
     auto values = lib::Owned<float>::adopt(lib::per_interferogram(cfg.ifg_names.size()));
-    SBAS_TRY(for_each_raster(cfg.datafolder, cfg.ifg_names, pixels, [&](size_t k, const float* samples) -> lib::Status {
-        const char* name = cfg.ifg_names[k].c_str();
-        lib::RunningMoments moments;
-        for (int64_t p = 0; p < pixels; ++p)
-            if (lib::isvalid(samples[p])) moments.add(samples[p]);
-        if (moments.count < 0.5 || std::isnan(static_cast<float>(moments.variance)))
-            return lib::error(lib::Fault::data, name, lib::Stream::out, "Cannot find a valid reference value for %s\n",
-                              name);
-        values[k] = static_cast<float>(moments.mean);
-        std::fprintf(stderr, "%s refpoint value %8.3f %6.3f\n", name, values[k], std::sqrt(moments.variance));
-        return {};
-    }));
+    const lib::Owned<double> spreads(std::max<int64_t>(n, 1));
+    // Interferograms are independent: each thread takes a block of them with
+    // a raster of its own. The lines are printed afterwards in list order,
+    // up to the first interferogram in the list that failed, whose error is
+    // the one returned, as when they are taken one after another.
+    lib::FirstError failure;
+#pragma omp parallel num_threads(lib::region_threads(cfg.max_parallel_threads))
+    {
+        const lib::Block block = lib::block_of(n, omp_get_num_threads(), omp_get_thread_num());
+        lib::Owned<float> samples(block.end > block.first ? pixels : 0);
+        for (int64_t k = block.first; k < block.end && !failure.past(k); ++k) {
+            const char* name = cfg.ifg_names[k].c_str();
+            lib::Status read = read_raster(join_path(cfg.datafolder, name).c_str(), 0, pixels, samples.get());
+            if (!read.ok()) {
+                failure.record(k, std::move(read).error());
+                break;
+            }
+            lib::RunningMoments moments;
+            for (int64_t p = 0; p < pixels; ++p)
+                if (lib::isvalid(samples[p])) moments.add(samples[p]);
+            if (moments.count < 0.5 || std::isnan(static_cast<float>(moments.variance))) {
+                failure.record(k, lib::error(lib::Fault::data, name, lib::Stream::out,
+                                             "Cannot find a valid reference value for %s\n", name));
+                break;
+            }
+            values[k] = static_cast<float>(moments.mean);
+            spreads[k] = std::sqrt(moments.variance);
+        }
+    }
+    const int64_t reported = std::min(failure.index, n);
+    for (int64_t k = 0; k < reported; ++k)
+        std::fprintf(stderr, "%s refpoint value %8.3f %6.3f\n", cfg.ifg_names[k].c_str(), values[k], spreads[k]);
+    SBAS_TRY(failure.status());
     return values.release();
 }
 

@@ -5,7 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <random>
 #include <vector>
@@ -55,6 +57,85 @@ TEST(Lockstep, InversionsMatchMatinvAccLaneByLane)
         lib::matinv_lockstep(lanes, count, n, scratch);
         for (int k = 0; k < count; ++k)
             EXPECT_TRUE(same_bits(a[k].data(), expected[k].data(), a[k].size())) << "trial " << trial << " lane " << k;
+    }
+}
+
+// A banded matrix (half-width `band`) with `arrow` full rows and columns at
+// the end, as the normal matrices of small-baseline networks are, its
+// entries drawn by `kind`: 0 well conditioned, 1 pivots needed, 2 zeros of
+// both signs inside the band, 3 a NaN or an infinity, 4 huge (the inverse
+// overflows), 5 tiny, 6 singular (an empty row and column), 7 a normal
+// matrix A^T A of random spans.
+Matrix banded(std::mt19937_64& rng, int64_t n, int64_t band, int64_t arrow, int kind)
+{
+    std::uniform_real_distribution<double> u(-1.0, 1.0);
+    Matrix a(n * n, 0.0);
+    auto inside = [&](int64_t i, int64_t j) { return std::abs(i - j) <= band || i >= n - arrow || j >= n - arrow; };
+    if (kind == 7) {
+        // Rows spanning up to band + 1 consecutive unknowns, weights 1, and
+        // the arrow columns full of baselines.
+        const int64_t rows = 4 * n;
+        for (int64_t r = 0; r < rows; ++r) {
+            std::vector<double> row(n, 0.0);
+            const int64_t body = n - arrow;
+            const int64_t j1 = static_cast<int64_t>((u(rng) + 1.0) * 0.5 * body) % std::max<int64_t>(body, 1);
+            const int64_t j2 = std::min(body, j1 + 1 + static_cast<int64_t>((u(rng) + 1.0) * 0.5 * (band + 1)) % (band + 1));
+            for (int64_t j = j1; j < j2; ++j) row[j] = 1.0;
+            for (int64_t j = body; j < n; ++j) row[j] = 37.0 * u(rng);
+            for (int64_t i = 0; i < n; ++i)
+                for (int64_t j = 0; j < n; ++j) a[j * n + i] += row[i] * row[j];
+        }
+        return a;
+    }
+    for (int64_t j = 0; j < n; ++j)
+        for (int64_t i = 0; i < n; ++i) {
+            if (!inside(i, j)) continue;
+            double v = std::ldexp(u(rng), static_cast<int>(6 * u(rng)));
+            if (kind == 2 && u(rng) < -0.4) v = u(rng) < 0 ? -0.0 : 0.0;
+            a[j * n + i] = v;
+        }
+    if (kind != 1)
+        for (int64_t i = 0; i < n; ++i) a[i * n + i] += 4.0 * (band + arrow + 1);
+    if (kind == 3) a[(n / 2) * n + n / 2 + (n > 1 ? 1 : 0) * (band > 0)] = u(rng) < 0 ? NAN : -INFINITY;
+    if (kind == 4) for (double& v : a) v *= 1e-305;
+    if (kind == 5) for (double& v : a) v *= 1e300;
+    if (kind == 6) {
+        const int64_t e = n / 3;
+        for (int64_t k = 0; k < n; ++k) a[k * n + e] = a[e * n + k] = 0.0;
+    }
+    return a;
+}
+
+TEST(Lockstep, SparseInversionsMatchMatinvAccLaneByLane)
+{
+    // Groups of banded (and arrow) matrices take the kernels that skip the
+    // zero terms; each lane must still carry matinv_acc's bits, with every
+    // kind of neighbour: zeros of both signs, non-finite entries, overflow,
+    // singular, pivoting.
+    std::mt19937_64 rng(2024);
+    lib::LockstepScratch scratch;
+    for (int trial = 0; trial < 400; ++trial) {
+        const int64_t n = 2 + trial % 37 + (trial % 5 == 0 ? 30 : 0);
+        const int64_t band = trial % 4;
+        const int64_t arrow = trial % 3 == 0 ? 1 + trial % 2 : 0;
+        const int count = 1 + trial % lib::kLockstepLanes;
+        std::vector<Matrix> a(lib::kLockstepLanes);
+        for (int k = 0; k < count; ++k) {
+            const int kind = (trial / 3 + k) % 8;
+            a[k] = banded(rng, n, band, arrow, trial % 4 == 3 ? 7 : kind);
+        }
+        std::vector<Matrix> expected = a;
+        for (int k = 0; k < count; ++k) {
+            Matrix lu(n * n);
+            std::vector<int> pivots(n);
+            lib::matinv_acc(expected[k].data(), lu.data(), pivots.data(), n);
+        }
+        double* lanes[lib::kLockstepLanes];
+        for (int k = 0; k < count; ++k) lanes[k] = a[k].data();
+        lib::matinv_lockstep(lanes, count, n, scratch);
+        for (int k = 0; k < count; ++k)
+            ASSERT_TRUE(same_bits(a[k].data(), expected[k].data(), a[k].size()))
+                << "trial " << trial << " lane " << k << " n " << n << " band " << band << " arrow " << arrow;
     }
 }
 

@@ -212,3 +212,65 @@ TEST(RefStep1, StopsCleanlyWithoutAReference)
 }
 
 }  // namespace
+
+namespace {
+
+TEST(RefThreads, EveryThreadCountChoosesAndReportsTheSame)
+{
+    // A 37 x 23 grid of noisy samples with holes, nine interferograms: the
+    // pixels, rows of cells and interferograms shared out over 1 to 7
+    // threads must give the same choice, values and lines. Interferograms 3
+    // and 6 without data stop the global mean at the first of them, after
+    // the lines of 0 to 2.
+    const int64_t width = 37, length = 23;
+    uint64_t seed = 12345;
+    auto next = [&seed] {
+        seed = seed * 6364136223846793005ULL + 1442695040888963407ULL;
+        return static_cast<double>(seed >> 11) * 0x1.0p-53;
+    };
+    Stack stack(9, std::vector<float>(width * length));
+    for (auto& raster : stack)
+        for (float& v : raster) v = next() < 0.04 ? kNaN : static_cast<float>(5.0 * next() - 2.0);
+    Stack empty = stack;
+    empty[3].assign(width * length, 0.0f);
+    empty[6].assign(width * length, kNaN);
+    struct Run {
+        const char* what;
+        const Stack* stack;
+        const char* settings;
+    };
+    const Run runs[] = {{"least variance", &stack, "ref_method 0\n"},
+                        {"stable window 3", &stack, "ref_method 2\nref_window 3\n"},
+                        {"stable window 6", &stack, "ref_method 2\nref_window 6\n"},
+                        {"global mean", &stack, "ref_method 1\n"},
+                        {"global mean, two interferograms without data", &empty, "ref_method 1\n"}};
+    for (const Run& r : runs) {
+        SCOPED_TRACE(r.what);
+        std::string first;
+        for (const int threads : {1, 2, 3, 7}) {
+            ts::TinyJob job(width, length);
+            CFG cfg = job_config(job, *r.stack, r.settings + std::string("max_parallel_threads ") +
+                                                    std::to_string(threads) + "\n");
+            const HEADER header = ts::must(com::readheader(cfg.headerfile));
+            const ts::Outcome got = ts::run_in_child([&] {
+                float* values = ts::or_stop(sbas::sbas_step1(&cfg, header));
+                for (size_t k = 0; k < cfg.ifg_names.size(); ++k) std::printf("%a ", values[k]);
+                std::printf("/ %" PRId64 " %" PRId64 "\n", cfg.ref_row, cfg.ref_col);
+                std::free(values);
+            });
+            EXPECT_EQ(got.status, r.stack == &empty ? 0 : ts::kReturned);
+            const std::string text = got.out + "|" + got.err;
+            if (threads == 1) first = text;
+            EXPECT_EQ(text, first) << threads << " threads";
+        }
+        if (r.stack == &empty) {
+            EXPECT_NE(first.find("Cannot find a valid reference value for i3_"), std::string::npos) << first;
+            EXPECT_NE(first.find("i2_20200112_20200212.unw refpoint value"), std::string::npos) << first;
+            EXPECT_EQ(first.find("i4_"), std::string::npos) << first;
+        }
+        else
+            EXPECT_NE(first.find("refpoint value"), std::string::npos) << first;
+    }
+}
+
+}  // namespace
