@@ -77,11 +77,20 @@ lib::Status check_job(CFG& cfg, const char* config_path)
 // choose the reference pixel and write it into the record.
 lib::Status compute_reference_values(Run& run)
 {
-    return on_first_rank(run.cfg, &run.reference_values, [&]() -> lib::Status {
+    const auto step = [&]() -> lib::Status {
         SBAS_TAKE(float* values, sbas_step1(&run.cfg, run.grid));
         run.reference_values = lib::Owned<float>::adopt(values);
         return {};
-    });
+    };
+    // A search for the pixel (ref_method 0 or 2, no pixel given) reads every
+    // interferogram whole: in an MPI run every rank takes part in it, and
+    // every rank then takes the same values around the chosen pixel. A given
+    // pixel or the scene mean is rank 0's work.
+    const CFG& cfg = run.cfg;
+    const bool search = cfg.ref_col == 0 && cfg.ref_row == 0 &&
+                        (cfg.ref_method == 0 || cfg.ref_method == 2);
+    if (search) return step();
+    return on_first_rank(run.cfg, &run.reference_values, step);
 }
 
 // Keeps the reference values of the interferograms that are still listed:

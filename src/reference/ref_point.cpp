@@ -30,11 +30,13 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "catalogue/header.h"
 #include "catalogue/raster.h"
 #include "config/fatal.h"
 #include "numerics/arrays.h"
+#include "numerics/ranks.h"
 #include "numerics/parallel.h"
 #include "numerics/stats.h"
 #include "numerics/validity.h"
@@ -89,21 +91,32 @@ lib::Status write_report(const CFG& cfg, int64_t index, const HEADER& header)
     return {};
 }
 
+// This rank's block of `units` (all of them in a run of one process).
+lib::Block rank_units(int64_t units)
+{
+    const lib::Ranks place = lib::ranks();
+    return lib::block_of(units, place.size, place.rank);
+}
+
 // Streams the interferograms, list order, through visit(k, units, first,
 // samples) on max_parallel_threads threads: the grid is cut into `units`
 // runs of `unit_pixels` pixels, each thread takes a block of units and reads
 // only their pixels [first, ...) of every interferogram into `samples`, so
 // the threads never wait for one another. An interferogram that cannot be
 // read is reported as reading it whole reports it (the first one in the
-// list that fails); the accumulators are then of no use.
+// list that fails); the accumulators are then of no use. In an MPI run the
+// units are first cut into one block per rank (rank_units).
 template <typename Visit>
 lib::Status for_each_slice(const CFG& cfg, int64_t pixels, int64_t units, int64_t unit_pixels, Visit visit)
 {
     const int64_t n = static_cast<int64_t>(cfg.ifg_names.size());
+    const lib::Block mine = rank_units(units);
     lib::FirstError failure;
 #pragma omp parallel num_threads(lib::region_threads(cfg.max_parallel_threads))
     {
-        const lib::Block block = lib::block_of(units, omp_get_num_threads(), omp_get_thread_num());
+        lib::Block block = lib::block_of(mine.end - mine.first, omp_get_num_threads(), omp_get_thread_num());
+        block.first += mine.first;
+        block.end += mine.first;
         const int64_t first = std::min(block.first * unit_pixels, pixels);
         const int64_t end = std::min(block.end * unit_pixels, pixels);
         lib::Owned<float> samples(std::max<int64_t>(end - first, 1));
@@ -119,7 +132,39 @@ lib::Status for_each_slice(const CFG& cfg, int64_t pixels, int64_t units, int64_
             visit(static_cast<size_t>(k), block, first, static_cast<const float*>(samples.get()));
         }
     }
-    return failure.status();
+    return lib::agree(failure.index, failure.status());
+}
+
+// Rank 0 gathers the accumulators of every rank's units (units_elements
+// accumulators per unit), chooses the pixel with `choose` and every rank
+// returns its choice (or its error). With one rank: choose().
+template <typename T, typename Choose>
+lib::Result<int64_t> choose_on_first_rank(T* accumulators, int64_t units, int64_t unit_elements, Choose choose)
+{
+    if (!lib::spread()) return choose();
+    const lib::Ranks place = lib::ranks();
+    std::vector<int64_t> first, end;
+    std::vector<int> owner;
+    for (int r = 0; r < place.size; ++r) {
+        const lib::Block b = lib::block_of(units, place.size, r);
+        first.push_back(b.first * unit_elements);
+        end.push_back(b.end * unit_elements);
+        owner.push_back(r);
+    }
+    lib::collect(reinterpret_cast<char*>(accumulators), sizeof(T), first, end, owner);
+    lib::Status status;
+    int64_t chosen = -1;
+    if (place.rank == 0) {
+        lib::Result<int64_t> got = choose();
+        if (got.ok()) chosen = *got;
+        else status = std::move(got).error();
+    }
+    SBAS_TRY(lib::agree(0, std::move(status)));
+    std::vector<char> bytes(sizeof chosen);
+    std::memcpy(bytes.data(), &chosen, sizeof chosen);
+    lib::broadcast(bytes, 0);
+    std::memcpy(&chosen, bytes.data(), sizeof chosen);
+    return chosen;
 }
 
 }  // namespace
@@ -145,22 +190,23 @@ lib::Result<int64_t> find_ref_point(CFG cfg, const HEADER& header)
     };
     SBAS_TRY(for_each_slice(cfg, pixels, pixels, 1, update));
 
-    // A variance of exactly 0 (a constant pixel, or a single interferogram)
-    // is no evidence of stability and does not qualify.
-    float least = 999999.0f;
-    int64_t chosen = -1;
-    for (int64_t p = 0; p < pixels; ++p) {
-        const double variance = moments[p].variance;
-        if (!lib::isvalid_double(variance)) continue;
-        if (least > std::fabs(variance)) {
-            least = static_cast<float>(std::fabs(variance));
-            chosen = p;
+    return choose_on_first_rank(moments.get(), pixels, 1, [&]() -> lib::Result<int64_t> {
+        // A variance of exactly 0 (a constant pixel, or a single
+        // interferogram) is no evidence of stability and does not qualify.
+        float least = 999999.0f;
+        int64_t chosen = -1;
+        for (int64_t p = 0; p < pixels; ++p) {
+            const double variance = moments[p].variance;
+            if (!lib::isvalid_double(variance)) continue;
+            if (least > std::fabs(variance)) {
+                least = static_cast<float>(std::fabs(variance));
+                chosen = p;
+            }
         }
-    }
-
-    if (chosen < 0) return no_stable_point();
-    SBAS_TRY(write_report(cfg, chosen, header));
-    return chosen;
+        if (chosen < 0) return no_stable_point();
+        SBAS_TRY(write_report(cfg, chosen, header));
+        return chosen;
+    });
 }
 
 lib::Result<int64_t> find_ref_grid(CFG cfg, const HEADER& header)
@@ -217,7 +263,7 @@ lib::Result<int64_t> find_ref_grid(CFG cfg, const HEADER& header)
         }
     };
     SBAS_TRY(for_each_slice(cfg, pixels, down, side * (pixels > 0 ? header.WIDTH : 0), update));
-
+    return choose_on_first_rank(moments.get(), down, across, [&]() -> lib::Result<int64_t> {
     // Unlike the single-pixel search, a deviation of 0 qualifies here: the
     // cell's count, not its spread, decides whether it is a candidate.
     const int64_t half = static_cast<int64_t>(std::ceil((side - 1) * 0.5));
@@ -244,6 +290,7 @@ lib::Result<int64_t> find_ref_grid(CFG cfg, const HEADER& header)
     if (chosen < 0) return no_stable_point();
     SBAS_TRY(write_report(cfg, chosen, header));
     return chosen;
+    });
 }
 
 }  // namespace com
