@@ -106,6 +106,15 @@ lib::Status bach_removel_height_dependent(CFG* cfg, const HEADER& grid)
     const lib::Owned<float>& height = dem.height;
     SBAS_TAKE(const lib::Owned<float> mask, correction_mask(*cfg, grid));
     const HEADER block_grid = com::eds_block_grid(grid, cfg->eds_block_size);
+    // The block grid follows from eds_block_size and the grid's steps; a
+    // grid in metres read as degrees asks for billions of blocks. Each
+    // thread holds about 72 bytes a block.
+    if (!lib::fits_in_memory(com::block_count(block_grid), 72))
+        return lib::error(lib::Fault::setting, "eds_block_size", lib::Stream::err,
+                          "eds_block_size %d makes %lld x %lld blocks on the grid of %s (X_STEP %g, Y_STEP %g), more "
+                          "than memory holds\n",
+                          cfg->eds_block_size, static_cast<long long>(block_grid.WIDTH),
+                          static_cast<long long>(block_grid.FILE_LENGTH), cfg->headerfile, grid.X_STEP, grid.Y_STEP);
 
     const bool reuse_existing = cfg->if_use_existing_corrected_ifg == 1;
     SBAS_TRY(correct_each(

@@ -193,6 +193,16 @@ TEST(HostileInput, EveryCaseEndsWithOneMessageAndLeavesTheInputsAlone)
          [](TinyJob& j) { write_text(j.path("header.txt"), "WIDTH 2147483647\nFILE_LENGTH 2147483647\n"); }, "",
          "headerfile @/header.txt describes a grid of 2147483647 x 2147483647 pixels, more than memory holds\n",
          kStop},
+        {"elevation blocks of a grid in metres", only_corrections + eds + "eds_block_size 1\n",
+         [&](TinyJob& j) {
+             const std::string metres = "WIDTH 6\nFILE_LENGTH 4\nX_STEP 30000\nY_STEP -30000\n";
+             write_text(j.path("header.txt"), metres);
+             dem(j, metres, hills);
+         },
+         "",
+         "eds_block_size 1 makes 36000002 x 24000002 blocks on the grid of @/header.txt (X_STEP 30000, Y_STEP "
+         "-30000), more than memory holds\n",
+         kStop},
         // Ill-posed ramp fits.
         {"a ramp sampling coarser than the grid", only_corrections + "if_remove_orbit 1\norbit_quad_fit_sampling 10\n",
          nullptr, "",
