@@ -7,8 +7,10 @@
 // interferograms went in. So the stage says so, one line for each kind of
 // trouble, before any interferogram is corrected: a file shorter than its
 // header, grid pixels no DEM sample reaches (and why, as far as the two
-// headers tell), no usable height at all, and the void code -32768 used as a
-// height. The heights themselves are what they always were.
+// headers tell: no overlap, rows or columns the other way, part of the grid
+// only, or samples too far apart), no usable height at all, and the void
+// code -32768 used as a height. The heights themselves are what they always
+// were.
 #include <cmath>
 #include <cstdio>
 #include <string>
@@ -38,6 +40,24 @@ std::string extent(const HEADER& h)
     return text;
 }
 
+// True when the samples of `outer` span those of `inner` along one axis, to
+// half a step of `inner`.
+bool spans(double outer_first, double outer_step, int64_t outer_n, double inner_first, double inner_step,
+           int64_t inner_n)
+{
+    const double outer_last = outer_first + static_cast<double>(outer_n - 1) * outer_step;
+    const double inner_last = inner_first + static_cast<double>(inner_n - 1) * inner_step;
+    const double slack = 0.5 * std::fabs(inner_step);
+    return std::fmin(outer_first, outer_last) <= std::fmin(inner_first, inner_last) + slack &&
+           std::fmax(outer_first, outer_last) >= std::fmax(inner_first, inner_last) - slack;
+}
+
+bool covers(const HEADER& dem, const HEADER& grid)
+{
+    return spans(dem.X_FIRST, dem.X_STEP, dem.WIDTH, grid.X_FIRST, grid.X_STEP, grid.WIDTH) &&
+           spans(dem.Y_FIRST, dem.Y_STEP, dem.FILE_LENGTH, grid.Y_FIRST, grid.Y_STEP, grid.FILE_LENGTH);
+}
+
 // Why the DEM reaches fewer pixels than the grid has, as far as the headers
 // tell.
 std::string why_not_reached(const CFG& cfg, const HEADER& grid, const Dem& dem)
@@ -57,12 +77,13 @@ std::string why_not_reached(const CFG& cfg, const HEADER& grid, const Dem& dem)
         std::snprintf(text, sizeof text,
                       "the DEM's rows or columns run the other way (its X_STEP %g, Y_STEP %g; the grid's %g, %g)",
                       d.X_STEP, d.Y_STEP, grid.X_STEP, grid.Y_STEP);
-    else if (std::fabs(d.X_STEP) > 1.5 * std::fabs(grid.X_STEP) || std::fabs(d.Y_STEP) > 1.5 * std::fabs(grid.Y_STEP))
-        std::snprintf(text, sizeof text, "the DEM's spacing (%g, %g) is coarser than the grid's (%g, %g)", d.X_STEP,
-                      d.Y_STEP, grid.X_STEP, grid.Y_STEP);
-    else
-        std::snprintf(text, sizeof text, "the DEM, %s, does not cover the grid, %s", extent(d).c_str(),
+    else if (!covers(d, grid))
+        std::snprintf(text, sizeof text, "the DEM, %s, covers only part of the grid, %s", extent(d).c_str(),
                       extent(grid).c_str());
+    else
+        std::snprintf(text, sizeof text,
+                      "the DEM's samples, %g and %g apart, leave gaps between them on the grid's, %g and %g apart",
+                      d.X_STEP, d.Y_STEP, grid.X_STEP, grid.Y_STEP);
     return text;
 }
 

@@ -173,6 +173,12 @@ TEST(HostileInput, EveryCaseEndsWithOneMessageAndLeavesTheInputsAlone)
              dem(j, grid, hills);
          },
          "", "usable height (headerfile @/header.txt has X_STEP 0 and Y_STEP -0.01)", kFinish},
+        {"a DEM coarser than the grid", eds,
+         [&](TinyJob& j) { dem(j, "WIDTH 4\nFILE_LENGTH 3\nX_FIRST 100.0\nY_FIRST 30.0\nX_STEP 0.02\nY_STEP -0.02\n", hills); },
+         "",
+         "warning: demfile @/dem.dem reaches 6 of the 24 pixels of the grid (the DEM's samples, 0.02 and -0.02 apart, "
+         "leave gaps between them on the grid's, 0.01 and -0.01 apart); the others are corrected as if at height 0\n",
+         kFinish},
         {"DEM voids as heights", eds,
          [&](TinyJob& j) {
              std::vector<float> heights = hills;
@@ -275,6 +281,25 @@ TEST(HostileInput, EveryCaseEndsWithOneMessageAndLeavesTheInputsAlone)
             EXPECT_TRUE(now != after.end() && now->second == bytes) << path << " changed";
         }
     }
+}
+
+// Too few samples for the six terms of the ramp: nothing is removed, the
+// copy is the interferogram (no data as 0).
+TEST(HostileInput, ARampOfTooFewSamplesRemovesNothing)
+{
+    TinyJob job(6, 4);
+    std::vector<float> phase(24);
+    for (size_t p = 0; p < phase.size(); ++p) phase[p] = 0.5f + 0.25f * static_cast<float>(p % 7);
+    phase[9] = NAN;
+    job.add_ifg("geo_20200101_20200113.unw", phase);
+    job.add_ifg("geo_20200113_20200125.unw", phase);
+    const Outcome o = run_program({job.config("if_inverse_time_series 0\nif_remove_orbit 1\norbit_quad_fit_sampling 3\n"
+                                              "if_keep_corrected_ifg 1\n")},
+                                  ".", 30);
+    expect_finished(o);
+    phase[9] = 0.0f;
+    EXPECT_EQ(read_text(job.result("geo_20200113_20200125.unw.remove_orbit")),
+              std::string(reinterpret_cast<const char*>(phase.data()), phase.size() * sizeof(float)));
 }
 
 }  // namespace
