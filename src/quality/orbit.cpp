@@ -52,8 +52,12 @@ int64_t sampled(int64_t n, int64_t s) { return n > 0 ? (n + s - 1) / s : 0; }
 
 OrbitScratch alloc_orbit(const HEADER& grid, int64_t step)
 {
-    const int64_t samples = sampled(grid.WIDTH, step) * sampled(grid.FILE_LENGTH, step);
-    return OrbitScratch{lib::Owned<float>(pixel_count(grid)), lib::Owned<double>(samples * 6),
+    // The products saturate: a count beyond int64 is beyond memory too.
+    int64_t samples = 0, design = 0;
+    if (__builtin_mul_overflow(sampled(grid.WIDTH, step), sampled(grid.FILE_LENGTH, step), &samples))
+        samples = std::numeric_limits<int64_t>::max();
+    if (__builtin_mul_overflow(samples, int64_t{6}, &design)) design = std::numeric_limits<int64_t>::max();
+    return OrbitScratch{lib::Owned<float>(pixel_count(grid)), lib::Owned<double>(design),
                         lib::Owned<double>(samples)};
 }
 
