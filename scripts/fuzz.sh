@@ -1,17 +1,20 @@
 #!/usr/bin/env bash
-# Builds the libFuzzer harnesses of the readers with clang (build-fuzz/) and
-# runs each for SECONDS seconds (default 60), one after another, starting
+# Builds the libFuzzer harnesses of the readers (the four text readers, the
+# raster reader, the DEM reader and sbas-view's command line) with clang
+# (build-fuzz/) and runs each for SECONDS seconds (default 60), one after
+# another, starting
 # from the seed files of tests/fuzz/corpus. New inputs the fuzzer keeps go to
 # build-fuzz/corpus/, never into the repository; an input that crashes, hangs
 # or leaks is written to build-fuzz/findings/ and the script fails.
 #
-#   scripts/fuzz.sh [SECONDS] [HARNESS...]   harnesses: config header list baselines
+#   scripts/fuzz.sh [SECONDS] [HARNESS...]
+#   harnesses: config header list baselines raster dem view_args
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-60}
 shift || true
 harnesses=("$@")
-[ ${#harnesses[@]} -eq 0 ] && harnesses=(config header list baselines)
+[ ${#harnesses[@]} -eq 0 ] && harnesses=(config header list baselines raster dem view_args)
 
 CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSBAS_FUZZ=ON \
     -DSBAS_BUILD_TESTS=OFF > /dev/null

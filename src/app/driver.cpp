@@ -29,6 +29,7 @@
 #include "catalogue/raster.h"
 #include "catalogue/stack.h"
 #include "config/fatal.h"
+#include "filter/sigma.h"
 #include "filter/spatial.h"
 #include "filter/spatio_temporal.h"
 #include "filter/temporal.h"
@@ -54,6 +55,8 @@ struct Run {
     lib::Owned<float> closure_mask;      // one per pixel; 0 unless the check ran
     lib::Owned<BASELINE> baselines;      // one per interferogram with if_est_hgt 1
     std::vector<DATEORDER> dates;        // ascending
+    std::string job_list;                // the configuration's filelist
+    std::vector<std::string> listed;     // its names, as loaded
 };
 
 bool reference_consumer(const CFG& cfg)
@@ -63,12 +66,18 @@ bool reference_consumer(const CFG& cfg)
 
 bool corrections_asked(const CFG& cfg) { return cfg.if_remove_eds == 1 || cfg.if_remove_orbit == 1; }
 
-// Before any stage writes: a thread count the machine can run, a list to work
-// on, and no output over an input.
-lib::Status check_job(CFG& cfg, const char* config_path)
+// Before any stage writes: a thread count the machine can run, a grid that
+// fits in memory, a list to work on with every name once, the files the
+// stages read named, filter widths that mean something, and no output over
+// an input.
+lib::Status check_job(CFG& cfg, const HEADER& grid, const char* config_path)
 {
     cfg.max_parallel_threads = lib::usable_threads(cfg.max_parallel_threads);
+    SBAS_TRY(require_grid_in_memory(cfg, grid));
     SBAS_TRY(require_interferograms(cfg));
+    SBAS_TRY(refuse_duplicate_names(cfg));
+    SBAS_TRY(require_stage_paths(cfg, config_path));
+    SBAS_TRY(check_filter_sigmas(cfg));
     SBAS_TRY(refuse_outputs_over_inputs(cfg, config_path));
     return prepare_spread_outputs(cfg);
 }
@@ -116,6 +125,7 @@ lib::Status check_loop_closure(Run& run)
     const bool reuse = lib::opens_for_reading(mask_path.c_str()) && run.cfg.if_use_existing_phasemask != 0;
     if (reuse) {
         std::fputs("Use existing phase closure mask\n", stderr);
+        warn_foreign_mask(run.cfg, run.grid, mask_path.c_str());
     } else {
         // Every rank takes part in the check (its batches); rank 0 finishes
         // it and hands the outcome on.
@@ -209,13 +219,18 @@ void delete_corrected_copies(const CFG& cfg)
 
 // The filters work on the interferograms the loop-closure check kept, under
 // their list names, also when the list was left by an earlier run: the list
-// is read again from "filelist_used" when it is there.
+// is read again from "filelist_used" when it is there. One left by another
+// job (naming interferograms this job does not list) is still read, with a
+// warning when a filter is to work on it.
 lib::Status reload_kept_list(Run& run)
 {
     const com::Path used = com::join_path(run.cfg.resultfolder, "filelist_used");
     if (!lib::opens_for_reading(used.c_str())) return {};
     std::snprintf(run.cfg.filelist, sizeof run.cfg.filelist, "%s", used.c_str());
-    return com::readfilenamelist(&run.cfg, run.cfg.filelist);
+    SBAS_TRY(com::readfilenamelist(&run.cfg, run.cfg.filelist));
+    if (run.cfg.if_apply_filter >= 1 && run.cfg.if_apply_filter <= 5)
+        warn_foreign_list(run.job_list.c_str(), run.listed, run.cfg.ifg_names, used.c_str());
+    return {};
 }
 
 // The filters chosen by if_apply_filter, each on its own copy of the record
@@ -259,9 +274,11 @@ lib::Status timed(std::vector<lib::StageCost>* costs, const char* name, Stage st
 lib::Status sbas_allocate_area(const char* config_path, std::vector<lib::StageCost>* costs)
 {
     SBAS_TAKE(JOB job, app::load_job(config_path));
-    Run run{std::move(job.cfg), job.header, {}, {}, {}, {}};
+    Run run{std::move(job.cfg), job.header, {}, {}, {}, {}, {}, {}};
     CFG& cfg = run.cfg;
-    SBAS_TRY(check_job(cfg, config_path));
+    SBAS_TRY(check_job(cfg, run.grid, config_path));
+    run.job_list = cfg.filelist;
+    run.listed = cfg.ifg_names;
 
     // Reference values on the interferograms as given (the loop-closure
     // check needs them); zeros when nothing consumes them.

@@ -8,6 +8,7 @@
 
 #include <cmath>
 
+#include "app/job_checks.h"
 #include "catalogue/filelist.h"
 
 namespace app {
@@ -41,6 +42,7 @@ lib::Result<JOB> load_job(const char* path)
 {
     SBAS_TAKE(CFG cfg, lib::read_settings(path));
     SBAS_TRY(lib::check_model(cfg));
+    SBAS_TRY(sbas::require_path("headerfile", cfg.headerfile, path));
     SBAS_TAKE(const HEADER header, com::readheader(cfg.headerfile));
     if (cfg.ref_lat >= -90 && cfg.ref_lat <= 90 && cfg.ref_lon >= -180 && cfg.ref_lon <= 180) {
         cfg.ref_row = pixel_of(cfg.ref_lat, header.Y_FIRST, header.Y_STEP);
@@ -48,6 +50,7 @@ lib::Result<JOB> load_job(const char* path)
     }
     SBAS_TRY(require_folder("datafolder", cfg.datafolder));
     SBAS_TRY(require_folder("resultfolder", cfg.resultfolder));
+    SBAS_TRY(sbas::require_path("filelist", cfg.filelist, path));
     SBAS_TRY(com::readfilenamelist(&cfg, cfg.filelist));
     return JOB{std::move(cfg), header};
 }

@@ -24,13 +24,17 @@
 #include <cstdio>
 #include <map>
 #include <optional>
+#include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
+#include "catalogue/header.h"
 #include "catalogue/raster.h"
 #include "catalogue/same_file.h"
 #include "config/cfg.h"
 #include "config/fatal.h"
+#include "numerics/arrays.h"
 #include "numerics/ranks.h"
 #include "numerics/error.h"
 
@@ -128,6 +132,76 @@ lib::Status require_interferograms(const CFG& cfg)
         return lib::error(lib::Fault::data, cfg.filelist, lib::Stream::err,
                           "%s lists no interferogram: nothing to process\n", cfg.filelist);
     return {};
+}
+
+lib::Status require_path(const char* key, const char* value, const char* config_path)
+{
+    if (value[0] != '\0') return {};
+    return lib::error(lib::Fault::setting, key, lib::Stream::err, "%s is not set in the configuration %s\n", key,
+                      config_path);
+}
+
+lib::Status require_stage_paths(const CFG& cfg, const char* config_path)
+{
+    if (cfg.if_inverse_time_series != 0 && cfg.if_est_hgt == 1)
+        SBAS_TRY(require_path("baselines", cfg.baselines, config_path));
+    if (cfg.if_remove_eds == 1) {
+        SBAS_TRY(require_path("demfile", cfg.demfile, config_path));
+        SBAS_TRY(require_path("demfile_header", cfg.demfile_header, config_path));
+    }
+    return {};
+}
+
+lib::Status refuse_duplicate_names(const CFG& cfg)
+{
+    std::unordered_map<std::string, size_t> first_line;
+    for (size_t k = 0; k < cfg.ifg_names.size(); ++k) {
+        const auto [at, fresh] = first_line.emplace(cfg.ifg_names[k], k + 1);
+        if (!fresh)
+            return lib::error(lib::Fault::format, cfg.filelist, lib::Stream::err, "%s names %s twice (lines %zu and %zu)\n",
+                              cfg.filelist, cfg.ifg_names[k].c_str(), at->second, k + 1);
+    }
+    return {};
+}
+
+lib::Status require_grid_in_memory(const CFG& cfg, const HEADER& grid)
+{
+    if (lib::fits_in_memory(com::pixel_count(grid), sizeof(float))) return {};
+    return lib::error(lib::Fault::setting, cfg.headerfile, lib::Stream::err,
+                      "headerfile %s describes a grid of %lld x %lld pixels, more than memory holds\n", cfg.headerfile,
+                      static_cast<long long>(grid.WIDTH), static_cast<long long>(grid.FILE_LENGTH));
+}
+
+void warn_foreign_mask(const CFG& cfg, const HEADER& grid, const char* path)
+{
+    struct stat st {};
+    if (stat(path, &st) != 0 || !S_ISREG(st.st_mode)) return;
+    const long long pixels = com::pixel_count(grid);
+    const long long bytes = st.st_size;
+    if (bytes == 4 * pixels) return;
+    std::fprintf(stderr,
+                 "warning: %s holds %lld bytes, not the %lld of one sample per pixel of the grid of %s: it was "
+                 "written for another grid, and if_use_existing_phasemask reuses it as it is (delete it, or set "
+                 "if_use_existing_phasemask 0, to check again)\n",
+                 path, bytes, 4 * pixels, cfg.headerfile);
+}
+
+void warn_foreign_list(const char* job_list, const std::vector<std::string>& listed,
+                       const std::vector<std::string>& used_names, const char* used)
+{
+    const std::unordered_set<std::string> own(listed.begin(), listed.end());
+    size_t foreign = 0;
+    const std::string* first = nullptr;
+    for (const std::string& name : used_names)
+        if (!own.count(name)) {
+            ++foreign;
+            if (!first) first = &name;
+        }
+    if (foreign == 0) return;
+    std::fprintf(stderr,
+                 "warning: %s names %zu interferograms that %s does not list, the first %s: it was left by "
+                 "another job, and the filters work on the dates of its list\n",
+                 used, foreign, job_list, first->c_str());
 }
 
 void warn_physical_settings(const CFG& cfg)

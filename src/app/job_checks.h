@@ -3,12 +3,15 @@
 // work on, and the physical settings of the inversion should be usable.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "numerics/error.h"
 
 struct CFG;
+struct HEADER;
 
 namespace sbas {
 
@@ -38,6 +41,38 @@ lib::Status prepare_spread_outputs(const CFG& cfg);
 // Reports "%s lists no interferogram: nothing to process\n" (standard
 // error, the list's path) when the record holds no interferogram.
 lib::Status require_interferograms(const CFG& cfg);
+
+// Reports "%s is not set in the configuration %s\n" (standard error, the key
+// and the configuration's path) when `value`, the path of that key, is
+// empty: the key is missing from the file.
+lib::Status require_path(const char* key, const char* value, const char* config_path);
+
+// require_path for the files the settings make the run read besides the
+// header and the list: baselines with the DEM-error term, demfile and
+// demfile_header with the elevation correction.
+lib::Status require_stage_paths(const CFG& cfg, const char* config_path);
+
+// Reports "%s names %s twice (lines %zu and %zu)\n" (standard error, the
+// list's path) for the first name the list holds twice, in list order:
+// the corrections would write one copy over the other.
+lib::Status refuse_duplicate_names(const CFG& cfg);
+
+// Reports "headerfile %s describes a grid of %lld x %lld pixels, more than
+// memory holds\n" (standard error) when one raster of the grid cannot be
+// had, before any stage tries.
+lib::Status require_grid_in_memory(const CFG& cfg, const HEADER& grid);
+
+// One warning line when an existing "phase_loop_closure_mask" about to be
+// reused (at `path`) does not hold one sample per pixel of the grid: it was
+// left by a job on another grid.
+void warn_foreign_mask(const CFG& cfg, const HEADER& grid, const char* path);
+
+// One warning line when the list at `used` ("filelist_used", re-read for the
+// filters) names interferograms that `listed`, the names of the job's own
+// list at `job_list`, does not: it was left by another job. `used_names` is
+// what it holds.
+void warn_foreign_list(const char* job_list, const std::vector<std::string>& listed,
+                       const std::vector<std::string>& used_names, const char* used);
 
 // Writes one warning line on standard error for each setting of the
 // inversion that cannot give a number: temporal_strength when a temporal

@@ -33,8 +33,7 @@ lib::Status read_samples(FILE* stream, const char* path, int64_t first, int64_t 
     lib::count_read(static_cast<int64_t>(4 * got));
     const long position = std::ftell(stream);
     if (position != 4 * (first + count))
-        return lib::error(lib::Fault::size, path, lib::Stream::err, "%s file size wrong %d\n", path,
-                          static_cast<int>(position));
+        return lib::error(lib::Fault::size, path, lib::Stream::err, "%s file size wrong %ld\n", path, position);
     return {};
 }
 

@@ -28,7 +28,7 @@ Path join_path(const char* folder, const char* name);
 // Reads `count` samples starting at sample `first` of the open raster
 // `stream` (named `path` for the message) in one seek and one read. The
 // stream must then stand at byte 4*(first + count); otherwise "%s file size
-// wrong %d\n" (the path and the position reached, standard error) is
+// wrong %ld\n" (the path and the position reached, in full, standard error) is
 // reported. A shorter file therefore stops the run, a longer one is
 // accepted. count < 1 reads nothing.
 lib::Status read_samples(FILE* stream, const char* path, int64_t first, int64_t count, float* out);

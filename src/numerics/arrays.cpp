@@ -1,5 +1,7 @@
 // Allocation helpers. Sizes are 64-bit and the byte count is checked for
-// overflow before use: width x length x count readily exceeds 32 bits.
+// overflow before use: width x length x count readily exceeds 32 bits. The
+// messages print the sizes in full (the same text as a 32-bit print for
+// every size that fits in 32 bits).
 #include "numerics/arrays.h"
 
 #include <cstdio>
@@ -25,7 +27,7 @@ void* zero_bytes(int64_t n, int64_t m, size_t size)
     if (n < 1 || m < 1) return nullptr;
     const size_t bytes = block_bytes(n, m, size);
     void* p = bytes ? std::calloc(1, bytes) : nullptr;
-    if (!p) std::printf("Memory allocation error: n=%d,m=%d\n", static_cast<int>(m), static_cast<int>(n));
+    if (!p) std::printf("Memory allocation error: n=%lld,m=%lld\n", static_cast<long long>(m), static_cast<long long>(n));
     return p;
 }
 
@@ -41,7 +43,9 @@ T* raw_block(int64_t n, int64_t m, const char* what)
     if (n < 1 || m < 1) return nullptr;
     const size_t bytes = block_bytes(n, m, sizeof(T));
     void* p = bytes ? std::malloc(bytes) : nullptr;
-    if (!p) std::printf("%smemory allocation error: n=%d,m=%d\n", what, static_cast<int>(n), static_cast<int>(m));
+    if (!p)
+        std::printf("%smemory allocation error: n=%lld,m=%lld\n", what, static_cast<long long>(n),
+                    static_cast<long long>(m));
     return static_cast<T*>(p);
 }
 
@@ -75,6 +79,20 @@ void free_two_level(T** a, int rows)
 }  // namespace
 
 void* zeros_bytes(int64_t n, size_t size) { return zero_bytes(n, 1, size); }
+
+void* try_zeros_bytes(int64_t n, size_t size)
+{
+    if (n < 1) return nullptr;
+    const size_t bytes = block_bytes(n, 1, size);
+    return bytes ? std::calloc(1, bytes) : nullptr;
+}
+
+bool fits_in_memory(int64_t n, size_t size)
+{
+    void* probe = try_zeros_bytes(n, size);
+    std::free(probe);
+    return n < 1 || probe != nullptr;
+}
 
 int* zeros_int(int64_t n, int64_t m) { return zero_block<int>(n, m); }
 float* zeros_float(int64_t n, int64_t m) { return zero_block<float>(n, m); }

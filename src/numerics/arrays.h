@@ -25,7 +25,8 @@
 namespace lib {
 
 // Zero-filled blocks of n*m elements; null (without a message) when n < 1 or
-// m < 1, null with "Memory allocation error: n=%d,m=%d\n" when memory fails.
+// m < 1, null with "Memory allocation error: n=%lld,m=%lld\n" (m first, the
+// sizes in 64 bits) when memory fails.
 int* zeros_int(int64_t n, int64_t m);
 float* zeros_float(int64_t n, int64_t m);
 double* zeros(int64_t n, int64_t m);
@@ -48,6 +49,16 @@ void free2d_double(double** a, int rows);
 // A zero-filled block of n elements of `size` bytes with the overflow check
 // and the message of zeros(n, 1); null when n < 1 or memory fails.
 void* zeros_bytes(int64_t n, size_t size);
+
+// A zero-filled block of n elements of `size` bytes, null without a message
+// when n < 1, the byte count overflows or memory fails: for a size claimed by
+// an input, which the caller then reports naming that input.
+void* try_zeros_bytes(int64_t n, size_t size);
+
+// True when a block of n elements of `size` bytes can be had now (n < 1
+// needs nothing). The probe is released at once; calloc only reserves the
+// pages, so it costs no time even for a large grid.
+bool fits_in_memory(int64_t n, size_t size);
 
 // A zero-filled block of n elements (std::free), or the end of the run when
 // memory fails. n < 1 gives null: nothing to hold. T is a plain record or

@@ -26,12 +26,14 @@
 
 namespace quality {
 
-// Calls correct(name, in, out, scratch) -> lib::Status for every entry of
-// cfg->ifg_names, with `in` the interferogram in datafolder and `out` its
+// Calls correct(i, name, in, out, scratch) -> lib::Status for every entry i
+// of cfg->ifg_names, with `in` the interferogram in datafolder and `out` its
 // copy name + suffix in resultfolder; make_scratch() gives a thread's
 // scratch. Afterwards every entry carries the suffix and datafolder is the
 // result folder, so that later stages read the copies. `label` names the
-// work on the progress indicator.
+// work on the progress indicator. What a call finds worth a warning it
+// records under its index i (each index is written by one thread only); the
+// caller prints it after the region, in list order.
 template <typename MakeScratch, typename Correct>
 lib::Status correct_each(CFG* cfg, const char* label, const char* suffix, MakeScratch make_scratch,
                          Correct correct)
@@ -53,7 +55,7 @@ lib::Status correct_each(CFG* cfg, const char* label, const char* suffix, MakeSc
                 std::string& name = cfg->ifg_names[static_cast<size_t>(i)];
                 const com::Path in = com::join_path(cfg->datafolder, name.c_str());
                 const com::Path out = com::join_path(cfg->resultfolder, (name + suffix).c_str());
-                lib::Status done = correct(static_cast<const std::string&>(name), in, out, scratch);
+                lib::Status done = correct(i, static_cast<const std::string&>(name), in, out, scratch);
                 if (!done.ok()) {
                     failure.record(i, std::move(done).error());
                     break;

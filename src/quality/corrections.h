@@ -78,11 +78,35 @@ int64_t block_count(const HEADER& block_grid);
 // cap could never be reached).
 int64_t eds_sample_cap(const HEADER& grid, const HEADER& block_grid);
 
+// What the resampling of a DEM met, counted on the job's grid.
+struct DemCoverage {
+    int64_t claimed = 0;     // samples demfile_header describes
+    int64_t held = 0;        // of those, the samples demfile holds
+    int64_t reached = 0;     // grid pixels some DEM sample lands on
+    int64_t usable = 0;      // grid pixels whose height is data (lib::isvalid)
+    int64_t void_code = 0;   // grid pixels at -32768 m, the usual void code
+    int64_t not_finite = 0;  // grid pixels whose height is NaN or infinite
+};
+
+struct Dem {
+    HEADER header;             // demfile_header
+    lib::Owned<float> height;  // km, one per grid pixel, 0 where no sample lands
+    DemCoverage coverage;
+};
+
 // The height raster (km, pixel_count(grid) floats): every DEM sample of
 // demfile (read without a size check, described by demfile_header) put at
 // its nearest grid pixel, later samples over earlier ones; 0 where no sample
-// lands. Null for a grid without pixels. A missing file is reported.
+// lands. Null for a grid without pixels. A missing file is reported, and so
+// is a header claiming more samples than memory holds.
+lib::Result<Dem> read_dem(const CFG& cfg, const HEADER& grid);
 lib::Result<lib::Owned<float>> resample_dem(const CFG& cfg, const HEADER& grid);
+
+// Standard error, one "warning: ..." line for each: a DEM file shorter than
+// its header; no usable height on the grid (the correction then changes
+// nothing), or else grid pixels no DEM sample reaches, with the reason the
+// headers give; pixels at the void code -32768 m. Nothing when all is well.
+void warn_dem(const CFG& cfg, const HEADER& grid, const Dem& dem);
 
 // Fits every block of `block_grid` (block_count records into `blocks`) on
 // the pixels of the block whose phase and height are both data, at most

@@ -74,35 +74,6 @@ lib::Status correct(const HEADER& grid, const HEADER& block_grid, const char* in
 
 }  // namespace
 
-lib::Result<lib::Owned<float>> resample_dem(const CFG& cfg, const HEADER& grid)
-{
-    SBAS_TAKE(const HEADER dem, readheader(cfg.demfile_header));
-    const int64_t dem_pixels = pixel_count(dem);
-    const lib::Owned<float> dem_samples(dem_pixels);
-    float* samples = dem_samples.get();
-    SBAS_TAKE(const lib::File file, lib::fopen_zq(cfg.demfile, "rb"));
-    if (dem_pixels > 0) {
-        const size_t got = std::fread(samples, sizeof(float), static_cast<size_t>(dem_pixels), file.get());
-        (void)got;  // a short DEM leaves the rest at 0
-    }
-
-    const int64_t W = grid.WIDTH;
-    const int64_t L = grid.FILE_LENGTH;
-    lib::Owned<float> heights(pixel_count(grid));
-    float* height = heights.get();
-    for (int64_t u = 0; u < (dem_pixels > 0 ? dem.FILE_LENGTH : 0); ++u) {
-        const float y = static_cast<float>(u * dem.Y_STEP + dem.Y_FIRST);
-        const int64_t i = std::lround((y - grid.Y_FIRST) / grid.Y_STEP);
-        if (i < 0 || i >= L) continue;
-        for (int64_t v = 0; v < dem.WIDTH; ++v) {
-            const float x = static_cast<float>(v * dem.X_STEP + dem.X_FIRST);
-            const int64_t j = std::lround((x - grid.X_FIRST) / grid.X_STEP);
-            if (j >= 0 && j < W) height[i * W + j] = samples[u * dem.WIDTH + v] / 1000.0f;
-        }
-    }
-    return heights;
-}
-
 lib::Status remove_heigh_dependent(CFG, const HEADER& grid, HEADER block_grid, const char* in, const char* out,
                                    const float* height, const float* mask)
 {
@@ -130,14 +101,25 @@ lib::Status bach_removel_height_dependent(CFG* cfg, const HEADER& grid)
                           "eds_block_size must be a positive number of hundredths of a degree (it is %d)\n",
                           cfg->eds_block_size);
 
-    SBAS_TAKE(const lib::Owned<float> height, com::resample_dem(*cfg, grid));
+    SBAS_TAKE(const com::Dem dem, com::read_dem(*cfg, grid));
+    com::warn_dem(*cfg, grid, dem);
+    const lib::Owned<float>& height = dem.height;
     SBAS_TAKE(const lib::Owned<float> mask, correction_mask(*cfg, grid));
     const HEADER block_grid = com::eds_block_grid(grid, cfg->eds_block_size);
+    // The block grid follows from eds_block_size and the grid's steps; a
+    // grid in metres read as degrees asks for billions of blocks. Each
+    // thread holds about 72 bytes a block.
+    if (!lib::fits_in_memory(com::block_count(block_grid), 72))
+        return lib::error(lib::Fault::setting, "eds_block_size", lib::Stream::err,
+                          "eds_block_size %d makes %lld x %lld blocks on the grid of %s (X_STEP %g, Y_STEP %g), more "
+                          "than memory holds\n",
+                          cfg->eds_block_size, static_cast<long long>(block_grid.WIDTH),
+                          static_cast<long long>(block_grid.FILE_LENGTH), cfg->headerfile, grid.X_STEP, grid.Y_STEP);
 
     const bool reuse_existing = cfg->if_use_existing_corrected_ifg == 1;
     SBAS_TRY(correct_each(
         cfg, "Removing elevation dependent signal", ".remove_hgt", [&] { return com::alloc_eds(grid, block_grid); },
-        [&](const std::string& name, const com::Path& in, const com::Path& out,
+        [&](int64_t, const std::string& name, const com::Path& in, const com::Path& out,
             com::EdsScratch& scratch) -> lib::Status {
             const com::Path both = com::join_path(cfg->resultfolder, (name + ".remove_hgt.remove_orbit").c_str());
             const bool reuse = reuse_existing && (lib::opens_for_reading(out.c_str()) ||

@@ -88,9 +88,9 @@ TEST(Allocation, ZeroFilledBlocksEmptySizesAndFailures)
     });
     EXPECT_EQ(outcome.status, testing_support::kReturned);
     EXPECT_EQ(outcome.out,
-              "Memory allocation error: n=0,m=3\n"  // the second argument printed as n
-              "matrix memory allocation error: n=0,m=0\n"
-              "integer matrix memory allocation error: n=0,m=2\n"
+              "Memory allocation error: n=1099511627776,m=3\n"  // the second argument printed as n, in full
+              "matrix memory allocation error: n=1099511627776,m=1099511627776\n"
+              "integer matrix memory allocation error: n=1099511627776,m=2\n"
               "Allocating memory wrong, no enough memory!Allocating memory wrong, no enough memory!");
 }
 

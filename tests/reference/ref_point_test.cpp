@@ -195,7 +195,7 @@ TEST(RefStep1, StopsCleanlyWithoutAReference)
         {"huge grid, pixel beyond the file", huge, huge, kCounting, "ref_row 1000\nref_col 1000\n", "",
          "ERROR: no valid values around the reference point!\n"},
         // The failed allocation is reported first, on standard output.
-        {"huge grid, least variance", huge, huge, kCounting, method0, "Memory allocation error: n=1,m=1\n",
+        {"huge grid, least variance", huge, huge, kCounting, method0, "Memory allocation error: n=1,m=4611686014132420609\n",
          "\n*********Looking for an arbitrary reference point********\nCould not allocate memory!\n"},
     };
     for (const Case& c : cases) {

@@ -201,7 +201,12 @@ void report_command(Arguments args)
 
 }  // namespace
 
-int main(int argc, char** argv)
+namespace view {
+
+// The command line of sbas-view: parses it and runs the subcommand it names
+// (a fuzz harness calls it with view::fail, view::usage_error and the
+// run_* functions of its own).
+int command_line(int argc, char** argv)
 {
     const std::string command = argc > 1 ? argv[1] : "";
     for (int i = 1; i < argc; ++i)
@@ -219,3 +224,9 @@ int main(int argc, char** argv)
     else view::usage_error("unknown command '%s'", command.c_str());
     return 0;
 }
+
+}  // namespace view
+
+#ifndef SBAS_VIEW_NO_MAIN
+int main(int argc, char** argv) { return view::command_line(argc, argv); }
+#endif
