@@ -96,7 +96,7 @@ Matrix banded(std::mt19937_64& rng, int64_t n, int64_t band, int64_t arrow, int 
         }
     if (kind != 1)
         for (int64_t i = 0; i < n; ++i) a[i * n + i] += 4.0 * (band + arrow + 1);
-    if (kind == 3) a[(n / 2) * n + n / 2 + (n > 1 ? 1 : 0) * (band > 0)] = u(rng) < 0 ? NAN : -INFINITY;
+    if (kind == 3) a[(n / 2) * n + std::min(n - 1, n / 2 + (band > 0 ? 1 : 0))] = u(rng) < 0 ? NAN : -INFINITY;
     if (kind == 4) for (double& v : a) v *= 1e-305;
     if (kind == 5) for (double& v : a) v *= 1e300;
     if (kind == 6) {
