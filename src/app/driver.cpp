@@ -273,10 +273,16 @@ lib::Status timed(std::vector<lib::StageCost>* costs, const char* name, Stage st
 
 lib::Status sbas_allocate_area(const char* config_path, std::vector<lib::StageCost>* costs)
 {
-    SBAS_TAKE(JOB job, app::load_job(config_path));
+    // In an MPI run every rank loads the job; should one of them not see a
+    // file the others see (a folder not shared with its node), every rank
+    // stops here with that rank's message rather than wait for it later.
+    lib::Result<JOB> loaded = app::load_job(config_path);
+    const lib::Status load_status = loaded.ok() ? lib::Status() : lib::Status(loaded.error());
+    SBAS_TRY(lib::agree(0, load_status));
+    JOB& job = *loaded;
     Run run{std::move(job.cfg), job.header, {}, {}, {}, {}, {}, {}};
     CFG& cfg = run.cfg;
-    SBAS_TRY(check_job(cfg, run.grid, config_path));
+    SBAS_TRY(lib::agree(0, check_job(cfg, run.grid, config_path)));
     run.job_list = cfg.filelist;
     run.listed = cfg.ifg_names;
 

@@ -236,7 +236,7 @@ lib::Status prepare_spread_outputs(const CFG& cfg)
             if (S_ISLNK(st.st_mode)) unlink(output.c_str());
             else if (!S_ISREG(st.st_mode)) refused = lib::not_regular(output.c_str(), st.st_mode);
         });
-    return lib::agree(0, refused ? lib::Status(std::move(*refused)) : lib::Status());
+    return refused ? lib::Status(std::move(*refused)) : lib::Status();
 }
 
 }  // namespace sbas

@@ -35,7 +35,9 @@ lib::Status refuse_outputs_over_inputs(const CFG& cfg, const char* config_path);
 // standing at an output name (a single process replaces it with the output;
 // ranks that write stretches of one file would write through it) and
 // reports an output name held by something that is not a regular file, as
-// the writer of a single process would. Nothing in a run of one process.
+// the writer of a single process would (rank 0's status; the caller agrees
+// on it with the other ranks before any of them writes). Nothing in a run
+// of one process.
 lib::Status prepare_spread_outputs(const CFG& cfg);
 
 // Reports "%s lists no interferogram: nothing to process\n" (standard
