@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "app/job.h"
@@ -57,6 +58,9 @@ struct Run {
     std::vector<DATEORDER> dates;        // ascending
     std::string job_list;                // the configuration's filelist
     std::vector<std::string> listed;     // its names, as loaded
+    // With the grid in one batch: the stack as the next stage that reads it
+    // would load it, handed on instead of read again.
+    com::HeldBatch held;
 };
 
 bool reference_consumer(const CFG& cfg)
@@ -116,6 +120,33 @@ void keep_reference_values(const std::vector<std::string>& before, const std::ve
     }
 }
 
+// Turns the check's stack (every interferogram listed before it, no mask)
+// into the stack of the interferograms it kept, masked and counted, as
+// com::readallfile loads it. The kept names are `before` with some removed,
+// order unchanged; anything else lets the stack go.
+void mask_held_stack(Run& run, const std::vector<std::string>& before)
+{
+    const std::vector<std::string>& kept = run.cfg.ifg_names;
+    std::vector<int64_t> rows(kept.size());
+    size_t from = 0;
+    for (size_t k = 0; k < kept.size(); ++k) {
+        while (from < before.size() && before[from] != kept[k]) ++from;
+        if (from == before.size() || static_cast<int64_t>(before.size()) != run.held.n_rows) {
+            run.held.release();
+            return;
+        }
+        rows[k] = static_cast<int64_t>(from++);
+    }
+    com::HeldBatch& held = run.held;
+    float** loaded = held.rows;
+    held.rows = nullptr;
+    lib::Owned<int> count(held.end - held.first);
+    held.rows = com::mask_loaded_stack(run.cfg, loaded, held.n_rows, rows.data(), held.first, held.end,
+                                       run.closure_mask.get(), count.get());
+    held.n_rows = static_cast<int64_t>(kept.size());
+    held.count = std::move(count);
+}
+
 // Runs the check unless an existing mask is to be reused, then fills the
 // closure mask from "phase_loop_closure_mask". The check may drop
 // interferograms from the record; the reference values follow the list.
@@ -123,15 +154,20 @@ lib::Status check_loop_closure(Run& run)
 {
     const com::Path mask_path = com::join_path(run.cfg.resultfolder, "phase_loop_closure_mask");
     const bool reuse = lib::opens_for_reading(mask_path.c_str()) && run.cfg.if_use_existing_phasemask != 0;
+    const std::vector<std::string> before = run.cfg.ifg_names;
     if (reuse) {
         std::fputs("Use existing phase closure mask\n", stderr);
         warn_foreign_mask(run.cfg, run.grid, mask_path.c_str());
     } else {
         // Every rank takes part in the check (its batches); rank 0 finishes
         // it and hands the outcome on.
-        const std::vector<std::string> before = run.cfg.ifg_names;
-        lib::Status checked =
-            quality::remove_ifg_by_loop_closure_with_reference(&run.cfg, run.grid, run.reference_values.get());
+        // Without corrections, stacking and the inversion read the same
+        // interferograms with the same reference values: the check's stack,
+        // masked, is theirs.
+        const bool hand_on = !corrections_asked(run.cfg) &&
+                             (run.cfg.if_stacking == 1 || run.cfg.if_inverse_time_series != 0);
+        lib::Status checked = quality::remove_ifg_by_loop_closure_with_reference(
+            &run.cfg, run.grid, run.reference_values.get(), hand_on ? &run.held : nullptr);
         if (checked.ok() && lib::ranks().rank == 0)
             keep_reference_values(before, run.cfg.ifg_names, run.reference_values.get());
         SBAS_TRY(share_from_first_rank(run.cfg, &run.reference_values, std::move(checked)));
@@ -143,6 +179,7 @@ lib::Status check_loop_closure(Run& run)
         const size_t got = std::fread(run.closure_mask.get(), sizeof(float), static_cast<size_t>(pixels), file.get());
         (void)got;
     }
+    if (run.held.rows) mask_held_stack(run, before);
     return {};
 }
 
@@ -184,8 +221,9 @@ lib::Status order_the_network(Run& run)
 }
 
 // Every batch of maxcap pixels is loaded and inverted before the next one is
-// touched.
-lib::Status invert_in_batches(const Run& run)
+// touched. A batch that an earlier stage loaded alike and left in `held` is
+// taken from there instead of read again.
+lib::Status invert_in_batches(const Run& run, com::HeldBatch* held)
 {
     const CFG& cfg = run.cfg;
     std::fputs("\n*************Time series inversion start*****************\n", stderr);
@@ -194,13 +232,18 @@ lib::Status invert_in_batches(const Run& run)
     const int rows = static_cast<int>(cfg.ifg_names.size());
     SBAS_TRY(lib::for_each_batch_spread(pixels, cfg.maxcap, [&](const lib::Batch& batch) -> lib::Status {
         std::fprintf(stderr, "\n=> Inversing batch %d / %.0f\n", batch.number, total);
-        const lib::Owned<int> count(batch.end - batch.first);
-        SBAS_TAKE(float** stack, com::readallfile(cfg, batch.first, batch.end, run.reference_values.get(),
-                                                  run.closure_mask.get(), count.get()));
-        const lib::Status inverted = sbas_step2_sbas_linear_new(cfg, run.dates, run.baselines.get(), stack,
-                                                                count.get(), batch.first, batch.end);
-        lib::free2d_float(stack, rows);
-        return inverted;
+        com::HeldBatch loaded;
+        if (held->holds(batch.first, batch.end)) {
+            loaded = std::move(*held);
+        } else {
+            held->release();
+            loaded.count = lib::Owned<int>(batch.end - batch.first);
+            SBAS_TAKE(loaded.rows, com::readallfile(cfg, batch.first, batch.end, run.reference_values.get(),
+                                                    run.closure_mask.get(), loaded.count.get()));
+            loaded.n_rows = rows;
+        }
+        return sbas_step2_sbas_linear_new(cfg, run.dates, run.baselines.get(), loaded.rows, loaded.count.get(),
+                                          batch.first, batch.end);
     }));
     std::fputs("\n*************Time series inversion finish****************\n", stderr);
     return {};
@@ -280,7 +323,7 @@ lib::Status sbas_allocate_area(const char* config_path, std::vector<lib::StageCo
     const lib::Status load_status = loaded.ok() ? lib::Status() : lib::Status(loaded.error());
     SBAS_TRY(lib::agree(0, load_status));
     JOB& job = *loaded;
-    Run run{std::move(job.cfg), job.header, {}, {}, {}, {}, {}, {}};
+    Run run{std::move(job.cfg), job.header, {}, {}, {}, {}, {}, {}, {}};
     CFG& cfg = run.cfg;
     SBAS_TRY(lib::agree(0, check_job(cfg, run.grid, config_path)));
     run.job_list = cfg.filelist;
@@ -302,14 +345,19 @@ lib::Status sbas_allocate_area(const char* config_path, std::vector<lib::StageCo
         SBAS_TRY(timed(costs, "corrections and references", [&] { return correct_interferograms(run); }));
     SBAS_TRY(order_the_network(run));
 
+    // With the grid in one batch, stacking and the inversion load the same
+    // stack: stacking takes the check's when it left one, and leaves it for
+    // the inversion.
     if (cfg.if_stacking == 1)
         SBAS_TRY(timed(costs, "stacking", [&] {
-            return rstacking::start_rstacking(cfg, run.grid, run.closure_mask.get(), run.reference_values.get());
+            return rstacking::start_rstacking(cfg, run.grid, run.closure_mask.get(), run.reference_values.get(),
+                                              &run.held);
         }));
     if (cfg.if_inverse_time_series != 0) {
         warn_physical_settings(cfg);
-        SBAS_TRY(timed(costs, "inversion", [&] { return invert_in_batches(run); }));
+        SBAS_TRY(timed(costs, "inversion", [&] { return invert_in_batches(run, &run.held); }));
     }
+    run.held.release();
 
     if (corrections_asked(cfg) && cfg.if_keep_corrected_ifg == 0 &&
         (cfg.if_inverse_time_series == 1 || cfg.if_stacking == 1))

@@ -19,6 +19,9 @@
 
 #include <omp.h>
 
+#include <cstdlib>
+#include <vector>
+
 #include "catalogue/raster.h"
 #include "config/fatal.h"
 #include "numerics/arrays.h"
@@ -90,6 +93,59 @@ lib::Result<float**> load(const CFG& cfg, int64_t start, int64_t end, const floa
 }
 
 }  // namespace
+
+HeldBatch& HeldBatch::operator=(HeldBatch&& other) noexcept
+{
+    release();
+    rows = other.rows;
+    n_rows = other.n_rows;
+    first = other.first;
+    end = other.end;
+    count = std::move(other.count);
+    other.rows = nullptr;
+    other.n_rows = 0;
+    other.count = lib::Owned<int>();
+    return *this;
+}
+
+void HeldBatch::release()
+{
+    if (rows) lib::free2d_float(rows, static_cast<int>(n_rows));
+    rows = nullptr;
+    n_rows = 0;
+    count = lib::Owned<int>();
+}
+
+float** mask_loaded_stack(const CFG& cfg, float** loaded, int64_t n_loaded, const int64_t* keep, int64_t start,
+                          int64_t end, const float* closure_mask, int* count)
+{
+    const int64_t n = static_cast<int64_t>(cfg.ifg_names.size());
+    const int64_t width = end > start ? end - start : 0;
+    float** stack = n > 0 ? lib::need<float*>(n) : nullptr;
+    std::vector<char> kept(static_cast<size_t>(n_loaded), 0);
+    for (int64_t k = 0; k < n; ++k) {
+        stack[k] = loaded[keep[k]];
+        kept[static_cast<size_t>(keep[k])] = 1;
+    }
+    for (int64_t k = 0; k < n_loaded; ++k)
+        if (!kept[static_cast<size_t>(k)]) std::free(loaded[k]);
+    std::free(loaded);
+
+    // A row without the mask holds the referenced sample where it is valid
+    // and 0 elsewhere, so the masked row is the same row with the masked
+    // pixels set to 0.
+#pragma omp parallel num_threads(lib::region_threads(cfg.max_parallel_threads))
+    {
+        const lib::Block pixels = lib::block_of(width, omp_get_num_threads(), omp_get_thread_num());
+        for (int64_t k = 0; k < n; ++k) {
+            float* row = stack[k];
+            for (int64_t j = pixels.first; j < pixels.end; ++j)
+                if (!(closure_mask[start + j] < 0.5)) row[j] = 0.0f;
+        }
+        count_and_drop(stack, n, pixels.first, pixels.end, cfg.minimum_temporal_ifg_ratio, count);
+    }
+    return stack;
+}
 
 lib::Result<float**> readallfile(const CFG& cfg, int64_t start, int64_t end, const float* reference_values,
                     const float* closure_mask, int* count)

@@ -8,8 +8,10 @@
 #pragma once
 
 #include <cstdint>
+#include <utility>
 
 #include "config/cfg.h"
+#include "numerics/arrays.h"
 #include "numerics/error.h"
 
 namespace com {
@@ -31,5 +33,40 @@ lib::Result<float**> readallfile(const CFG& cfg, int64_t start, int64_t end, con
 // The same reading and referencing without the mask, the count and the ratio
 // test (for the loop-closure check).
 lib::Result<float**> readallfile_nomask(const CFG& cfg, int64_t start, int64_t end, const float* reference_values);
+
+// One batch of the stack held from one stage to the next, when the grid is a
+// single batch and two stages would load the same stretch: the rows (one per
+// interferogram, as the loader returns them), the per-pixel counts (null for
+// a stack loaded without the mask) and the batch [first, end) they cover.
+// Moving it hands the rows on; the last holder frees them.
+struct HeldBatch {
+    float** rows = nullptr;
+    int64_t n_rows = 0;
+    int64_t first = 0;
+    int64_t end = 0;
+    lib::Owned<int> count;
+
+    HeldBatch() = default;
+    HeldBatch(const HeldBatch&) = delete;
+    HeldBatch& operator=(const HeldBatch&) = delete;
+    HeldBatch(HeldBatch&& other) noexcept { *this = std::move(other); }
+    HeldBatch& operator=(HeldBatch&& other) noexcept;
+    ~HeldBatch() { release(); }
+    void release();
+    bool holds(int64_t batch_first, int64_t batch_end) const
+    {
+        return rows != nullptr && first == batch_first && end == batch_end;
+    }
+};
+
+// Turns a batch loaded by readallfile_nomask into what readallfile gives for
+// the same batch, reference values and closure mask, in place: samples of
+// masked pixels become 0, count[j] (zeroed by the caller) receives the
+// pixel's valid interferograms, and pixels below minimum_temporal_ifg_ratio
+// are dropped, exactly as the loader does. `keep[k]` is the row of `stack`
+// that becomes row k (the interferograms still listed, in list order); the
+// other rows are freed. Returns the stack of cfg.ifg_names.size() rows.
+float** mask_loaded_stack(const CFG& cfg, float** stack, int64_t n_loaded, const int64_t* keep, int64_t start,
+                          int64_t end, const float* closure_mask, int* count);
 
 }  // namespace com

@@ -90,24 +90,36 @@ void select_rows(const RowTemplate& t, const Network& net, const int64_t* ifgs, 
                  lib::SparseDesign& design, double* w)
 {
     const int64_t rows = n + net.constraints;
+    // Room for every row of the template, so that the copies below are
+    // plain stores; the entries past row_start[rows] are not used.
+    const size_t room = t.design.columns.size();
+    if (design.columns.size() < room) {
+        design.columns.resize(room);
+        design.values.resize(room);
+    }
     design.row_start.resize(static_cast<size_t>(rows + 1));
-    design.columns.clear();
-    design.values.clear();
+    int64_t* start = design.row_start.data();
+    int64_t* columns = design.columns.data();
+    double* values = design.values.data();
+    const int64_t* from_start = t.design.row_start.data();
+    const int64_t* from_columns = t.design.columns.data();
+    const double* from_values = t.design.values.data();
+    int64_t at = 0;
     auto copy = [&](int64_t r, int64_t from) {
-        design.row_start[r] = static_cast<int64_t>(design.columns.size());
-        for (int64_t p = t.design.row_start[from]; p < t.design.row_start[from + 1]; ++p) {
-            design.columns.push_back(t.design.columns[p]);
-            design.values.push_back(t.design.values[p]);
+        start[r] = at;
+        for (int64_t p = from_start[from]; p < from_start[from + 1]; ++p, ++at) {
+            columns[at] = from_columns[p];
+            values[at] = from_values[p];
         }
         w[r] = t.w[from];
     };
     for (int64_t r = 0; r < observed; ++r) copy(r, ifgs[r]);
     for (int64_t r = observed; r < n; ++r) {
-        design.row_start[r] = static_cast<int64_t>(design.columns.size());
+        start[r] = at;
         w[r] = 0.0;
     }
     for (int64_t c = 0; c < net.constraints; ++c) copy(n + c, net.N + c);
-    design.row_start[rows] = static_cast<int64_t>(design.columns.size());
+    start[rows] = at;
 }
 
 }  // namespace sbas

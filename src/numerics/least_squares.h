@@ -29,7 +29,8 @@ void weighted_linear_function_nonewmatrix(const double* A, const double* W, int6
 
 // The nonzero entries of an L x M design matrix, row by row: row l's
 // nonzero columns are columns[row_start[l] .. row_start[l + 1]), in
-// increasing order, with their values at the same places of `values`.
+// increasing order, with their values at the same places of `values`
+// (entries past row_start[L] are unused room).
 // Reused from system to system (one per thread); once large enough it stops
 // allocating.
 struct SparseDesign {

@@ -200,7 +200,7 @@ void add_batch(const CFG& cfg, const std::vector<LOOPORDER>& loops, float* const
 // in pixel order, so the loops' running state is handed on from the rank of
 // one batch to the rank of the next, and rank 0 gathers the pixels' state.
 lib::Status accumulate(const CFG& cfg, const HEADER& header, const float* reference_values,
-                       const std::vector<LOOPORDER>& loops, Closures& closures)
+                       const std::vector<LOOPORDER>& loops, Closures& closures, com::HeldBatch* held)
 {
     const int64_t pixel_total = com::pixel_count(header);
     const int64_t n_ifg = static_cast<int64_t>(cfg.ifg_names.size());
@@ -246,6 +246,15 @@ lib::Status accumulate(const CFG& cfg, const HEADER& header, const float* refere
                 add_batch(cfg, loops, stack, batch.end - batch.first, closures.pixels.get() + batch.first, moments,
                           true);
                 for (size_t l = 0; l < n_loops; ++l) print_progress_lines(l, n_loops, marks);
+            }
+            if (held && batch.first == 0 && batch.end == pixel_total) {
+                // The whole grid in one batch: left to the caller.
+                held->release();
+                held->rows = stack;
+                held->n_rows = n_ifg;
+                held->first = batch.first;
+                held->end = batch.end;
+                return {};
             }
             lib::free2d_float(stack, static_cast<int>(n_ifg));
             return {};
@@ -391,7 +400,8 @@ lib::Status write_lists(CFG* cfg, const IfgClosure* ifgs)
 
 }  // namespace
 
-lib::Status remove_ifg_by_loop_closure_with_reference(CFG* cfg, const HEADER& header, const float* reference_values)
+lib::Status remove_ifg_by_loop_closure_with_reference(CFG* cfg, const HEADER& header, const float* reference_values,
+                                                      com::HeldBatch* held)
 {
     print_settings(*cfg);
     const int64_t pixel_total = com::pixel_count(header);
@@ -399,7 +409,7 @@ lib::Status remove_ifg_by_loop_closure_with_reference(CFG* cfg, const HEADER& he
     Closures closures{lib::Owned<PixelClosure>(pixel_total),
                       lib::Owned<lib::RunningMoments>(static_cast<int64_t>(loops.size())),
                       lib::Owned<IfgClosure>(static_cast<int64_t>(cfg->ifg_names.size()))};
-    SBAS_TRY(accumulate(*cfg, header, reference_values, loops, closures));
+    SBAS_TRY(accumulate(*cfg, header, reference_values, loops, closures, held));
     // In an MPI run rank 0, which now holds every pixel's and loop's state,
     // finishes the check alone; the driver hands its outcome to the others.
     if (lib::ranks().rank != 0) return {};

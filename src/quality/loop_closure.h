@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "catalogue/header.h"
+#include "catalogue/stack.h"
 #include "config/cfg.h"
 #include "numerics/error.h"
 
@@ -38,6 +39,10 @@ namespace quality {
 // (earlier date, later date) is reported as "file format error, cannot form
 // loop closure" on standard output. `header` is the job's grid. The loader and the closures run
 // on max_parallel_threads threads; no output depends on their number.
-lib::Status remove_ifg_by_loop_closure_with_reference(CFG* cfg, const HEADER& header, const float* reference_values);
+// With `held` not null, a single process and the grid in one batch, the
+// loaded stack (com::readallfile_nomask, the list as it was on entry) is left
+// in *held (no counts) instead of freed.
+lib::Status remove_ifg_by_loop_closure_with_reference(CFG* cfg, const HEADER& header, const float* reference_values,
+                                                      com::HeldBatch* held = nullptr);
 
 }  // namespace quality

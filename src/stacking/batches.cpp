@@ -8,6 +8,7 @@
 // the file name, and years are days / 365.25.
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
 
 #include "catalogue/dates.h"
 #include "catalogue/filelist.h"
@@ -42,7 +43,8 @@ lib::Result<std::vector<DATEINTERVAL>> date_intervals(const CFG& cfg)
 
 }  // namespace
 
-lib::Status start_rstacking(CFG cfg, const HEADER& header, const float* closure_mask, const float* reference_values)
+lib::Status start_rstacking(CFG cfg, const HEADER& header, const float* closure_mask, const float* reference_values,
+                            com::HeldBatch* held)
 {
     std::fputs("\n*************Simple linear stacking start****************\n", stderr);
     SBAS_TAKE(const std::vector<DATEINTERVAL> intervals, date_intervals(cfg));
@@ -56,11 +58,20 @@ lib::Status start_rstacking(CFG cfg, const HEADER& header, const float* closure_
         std::fprintf(stderr, "Number of pixels to estimate    : %d\n", static_cast<int>(batch.end - batch.first));
         std::fprintf(stderr, "Number of threads               : %d\n", cfg.max_parallel_threads);
         std::fputs("Please wait ...            \n", stderr);
-        const lib::Owned<int> count(batch.end - batch.first);
-        SBAS_TAKE(float** rows,
-                  com::readallfile(cfg, batch.first, batch.end, reference_values, closure_mask, count.get()));
-        const lib::Status stacked = stacking(cfg, rows, intervals, batch.first, batch.end);
-        lib::free2d_float(rows, interferograms);
+        com::HeldBatch loaded;
+        if (held && held->holds(batch.first, batch.end)) {
+            loaded = std::move(*held);
+        } else {
+            loaded.count = lib::Owned<int>(batch.end - batch.first);
+            SBAS_TAKE(loaded.rows, com::readallfile(cfg, batch.first, batch.end, reference_values, closure_mask,
+                                                    loaded.count.get()));
+            loaded.n_rows = interferograms;
+            loaded.first = batch.first;
+            loaded.end = batch.end;
+        }
+        const lib::Status stacked = stacking(cfg, loaded.rows, intervals, batch.first, batch.end);
+        // The whole grid in one batch: the next stage takes the same stack.
+        if (held && stacked.ok() && batch.first == 0 && batch.end == pixels) *held = std::move(loaded);
         return stacked;
     }));
     std::fputs("\n*************Simple linear stacking finish***************\n", stderr);

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "catalogue/header.h"
+#include "catalogue/stack.h"
 #include "config/cfg.h"
 #include "numerics/error.h"
 
@@ -26,8 +27,12 @@ namespace rstacking {
 // and solved by stacking(). Writes "linear_stacking_mean_velocity",
 // "linear_stacking_mean_velocity_residual" and
 // "linear_stacking_mean_velocity_sigma" into cfg.resultfolder, and its
-// banner, interval lines and batch lines to standard error.
-lib::Status start_rstacking(CFG cfg, const HEADER& header, const float* closure_mask, const float* reference_values);
+// banner, interval lines and batch lines to standard error. With `held` not
+// null and the grid one batch, the loaded batch is left in *held (rows and
+// counts as com::readallfile gives them) for the next stage instead of freed;
+// when *held already holds that batch it is taken instead of loading it.
+lib::Status start_rstacking(CFG cfg, const HEADER& header, const float* closure_mask, const float* reference_values,
+                            com::HeldBatch* held = nullptr);
 
 // Solves pixels [start, end) of a loaded batch: rows[k] holds interferogram
 // k's end - start referenced samples (0 or any no-data value: not observed),

@@ -6,6 +6,9 @@
 
 #include "app/job.h"
 
+#include <cmath>
+#include <cstring>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -74,6 +77,42 @@ TEST_F(TenInterferograms, ReferencesAreSubtractedMaskedPixelsDroppedAndWithoutTh
     EXPECT_EQ(stack[0][1], 1.0f);  // seen by 3 of 10, kept
     EXPECT_EQ(stack[5][1], 0.0f);
     lib::free2d_float(stack, 10);
+}
+
+// The stages after the loop-closure check take its stack (no mask) masked in
+// memory: the same bytes as loading it with the mask, also when the check
+// dropped interferograms.
+TEST_F(TenInterferograms, MaskingTheStackLoadedWithoutMaskGivesTheBytesOfTheMaskedLoad)
+{
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    testing_support::TinyJob odd{4, 1};
+    for (int k = 0; k < 10; ++k)
+        odd.add_ifg("ifg_" + std::to_string(20200101 + k) + "_" + std::to_string(20200111 + k),
+                    {k == 3 ? nan : 10.0f + k, k < 4 ? 2.0f : 1e-9f, k % 2 ? -0.0f : 5.0f,
+                     k == 6 ? std::numeric_limits<float>::infinity() : -3.0f + k});
+    std::vector<float> refs(10, 0.5f);
+    refs[4] = 14.0f;  // pixel 0 of interferogram 4 becomes 0
+    const std::vector<float> mask = {0.49f, 0.0f, nan, 0.0f};
+    const CFG all = testing_support::must(lib::loadcfg(odd.config("minimum_temporal_ifg_ratio 0.3\n").c_str()));
+    for (const std::vector<int64_t>& keep : {std::vector<int64_t>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9},
+                                             std::vector<int64_t>{0, 1, 3, 4, 5, 8, 9}}) {
+        CFG cfg = all;
+        std::vector<float> kept_refs;
+        cfg.ifg_names.clear();
+        for (const int64_t k : keep) {
+            cfg.ifg_names.push_back(all.ifg_names[static_cast<size_t>(k)]);
+            kept_refs.push_back(refs[static_cast<size_t>(k)]);
+        }
+        std::vector<int> want_count(4, 0), got_count(4, 0);
+        float** want = testing_support::must(com::readallfile(cfg, 0, 4, kept_refs.data(), mask.data(), want_count.data()));
+        float** loaded = testing_support::must(com::readallfile_nomask(all, 0, 4, refs.data()));
+        float** got = com::mask_loaded_stack(cfg, loaded, 10, keep.data(), 0, 4, mask.data(), got_count.data());
+        EXPECT_EQ(got_count, want_count);
+        for (size_t k = 0; k < keep.size(); ++k)
+            EXPECT_EQ(std::memcmp(got[k], want[k], 4 * sizeof(float)), 0) << k;
+        lib::free2d_float(want, static_cast<int>(keep.size()));
+        lib::free2d_float(got, static_cast<int>(keep.size()));
+    }
 }
 
 }  // namespace
