@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <filesystem>
 
@@ -51,19 +52,25 @@ void SynthJob::clear_results() const
     std::filesystem::create_directory(job.result_folder);
 }
 
+std::vector<double> referred_truth(const synth::Job& j, const std::string& name)
+{
+    const auto truth = synth::read_raster(j.truth_folder + "/" + name, j.grid);
+    const int h = j.ref_window / 2;  // ceil((w - 1) / 2): an even window grows to the next odd size
+    double sum = 0;
+    int n = 0;
+    for (int r = std::max(j.ref_row - h, 0); r <= std::min(j.ref_row + h, j.grid.length - 1); ++r)
+        for (int c = std::max(j.ref_col - h, 0); c <= std::min(j.ref_col + h, j.grid.width - 1); ++c, ++n)
+            sum += truth[size_t(r) * j.grid.width + c];
+    std::vector<double> out(truth.begin(), truth.end());
+    for (double& v : out) v -= sum / n;
+    return out;
+}
+
 std::vector<double> velocity_error(const SynthJob& s, const std::string& name)
 {
     const auto estimate = s.raster(s.result(name));
-    const auto truth = s.raster(s.job.truth_folder + "/" + synth::truth_velocity_name);
-    const synth::Job& j = s.job;
-    const int h = j.ref_window / 2;
-    double reference = 0;
-    int n = 0;
-    for (int r = j.ref_row - h; r <= j.ref_row + h; ++r)
-        for (int c = j.ref_col - h; c <= j.ref_col + h; ++c, ++n) reference += truth[size_t(r) * j.grid.width + c];
-    std::vector<double> error(truth.size());
-    for (size_t p = 0; p < error.size(); ++p)
-        error[p] = estimate[p] == 0.0f ? std::nan("") : estimate[p] - (truth[p] - reference / n);
+    std::vector<double> error = referred_truth(s.job, synth::truth_velocity_name);
+    for (size_t p = 0; p < error.size(); ++p) error[p] = estimate[p] == 0.0f ? std::nan("") : estimate[p] - error[p];
     return error;
 }
 

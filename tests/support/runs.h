@@ -39,6 +39,10 @@ struct SynthJob {
     synth::Job job;
 };
 
+// A truth map of the job minus its mean over the reference window (clipped
+// to the grid), as the run refers every interferogram.
+std::vector<double> referred_truth(const synth::Job& job, const std::string& truth_name);
+
 // A velocity map of the run (the inversion's by default) minus the true
 // velocity referred to its mean over the reference window, as the run refers
 // every interferogram, pixel by pixel; NaN where the run made no estimate (0).
