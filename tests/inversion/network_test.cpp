@@ -22,12 +22,25 @@
 #include "numerics/validity.h"
 #include "support/child.h"
 #include "support/errors.h"
-#include "support/child.h"
 
 namespace {
 
+using testing_support::must;
 using testing_support::read_floats;
 using testing_support::TinyJob;
+
+// The configuration of `job` with `extra`, its dates and design order, as the
+// run prepares them for the inversion.
+std::pair<CFG, std::vector<DATEORDER>> prepared(const TinyJob& job, const std::string& extra)
+{
+    CFG cfg = must(lib::loadcfg(job.config(extra).c_str()));
+    auto dates = must(com::getdateorder(cfg));
+    must(com::readdesignmatrixorder(&cfg, dates));
+    cfg.n_ifg = static_cast<int>(cfg.ifg_names.size());
+    cfg.n_date = static_cast<int>(dates.size());
+    cfg.simple_log_origin_mjd = must(lib::date2mjd(cfg.simple_log_origin));
+    return {cfg, dates};
+}
 
 // Three dates twelve days apart and three interferograms: 0-1, 1-2, 0-2.
 class ThreeDates : public ::testing::Test {
@@ -45,12 +58,7 @@ protected:
     void invert(const std::string& extra, const std::vector<std::vector<float>>& samples, int64_t start,
                 const BASELINE* baselines = nullptr)
     {
-        CFG cfg = testing_support::must(lib::loadcfg(job.config(extra).c_str()));
-        const auto dates = testing_support::must(com::getdateorder(cfg));
-        testing_support::must(com::readdesignmatrixorder(&cfg, dates));
-        cfg.n_ifg = static_cast<int>(cfg.ifg_names.size());
-        cfg.n_date = static_cast<int>(dates.size());
-        cfg.simple_log_origin_mjd = testing_support::must(lib::date2mjd(cfg.simple_log_origin));
+        const auto [cfg, dates] = prepared(job, extra);
         const int64_t P = static_cast<int64_t>(samples[0].size());
         float** stack = lib::create_2d_array_float(3, P);
         std::vector<int> count(static_cast<size_t>(P), 0);
@@ -59,7 +67,7 @@ protected:
                 stack[k][p] = samples[k][p];
                 count[p] += samples[k][p] != 0.0f;
             }
-        testing_support::must(sbas::sbas_step2_sbas_linear_new(cfg, dates, baselines, stack, count.data(), start, start + P));
+        must(sbas::sbas_step2_sbas_linear_new(cfg, dates, baselines, stack, count.data(), start, start + P));
         lib::free2d_float(stack, 3);
     }
 };
@@ -108,19 +116,13 @@ TEST_F(ThreeDates, ReportsTheSystemAndItsMemory)
         "Total memory requirement        : 0.00 Mb\n\n"
         "Started on UTC -> ";
     EXPECT_EQ(err.substr(0, expected_head.size()), expected_head);
-    const size_t started = err.find("Started on UTC -> ");
-    const std::string when = err.substr(started + 18, 25);
-    EXPECT_EQ(when.size(), 25u);
-    EXPECT_EQ(when.back(), '\n');
+    EXPECT_EQ(err.substr(expected_head.size() + 24, 1), "\n");  // the time, 24 characters
     EXPECT_NE(err.find("\nPlease wait ...            \n"), std::string::npos);
 }
 
 TEST_F(ThreeDates, ReducedSystemWeighsConstraintsByOneOverRootStrength)
 {
-    CFG cfg = testing_support::must(lib::loadcfg(job.config("temporal_constraint 1\ntemporal_strength 0.25\nif_est_hgt 1\n").c_str()));
-    const auto dates = testing_support::must(com::getdateorder(cfg));
-    testing_support::must(com::readdesignmatrixorder(&cfg, dates));
-    cfg.n_ifg = 3;
+    const auto [cfg, dates] = prepared(job, "temporal_constraint 1\ntemporal_strength 0.25\nif_est_hgt 1\n");
     float** stack = lib::create_2d_array_float(3, 1);
     stack[0][0] = 2.0f;  // the 1-2 interferogram is missing at this pixel
     stack[2][0] = 5.0f;
@@ -243,7 +245,7 @@ TEST(Grouping, EveryPixelGetsTheBitsOfItsOwnSolution)
     const int64_t P = 400;
     TinyJob job(P, 1);
     std::vector<int> d;
-    for (int k = 0; k < 9; ++k) d.push_back(static_cast<int>(testing_support::must(lib::mjd2date(testing_support::must(lib::date2mjd(20200101)) + 12 * k))));
+    for (int k = 0; k < 9; ++k) d.push_back(static_cast<int>(must(lib::mjd2date(must(lib::date2mjd(20200101)) + 12 * k))));
     std::vector<BASELINE> baselines;
     for (int a = 0; a < 9; ++a)
         for (int b = a + 1; b <= a + 3 && b < 9; ++b) {
@@ -275,13 +277,8 @@ TEST(Grouping, EveryPixelGetsTheBitsOfItsOwnSolution)
         baselines[0].bperp = c.odd_baseline;
         std::vector<PerPixel> runs;
         for (int threads : {1, 2, 3}) {
-            CFG cfg = testing_support::must(lib::loadcfg(job.config(c.settings + "max_parallel_threads " + std::to_string(threads) + "\n").c_str()));
-            const auto dates = testing_support::must(com::getdateorder(cfg));
-            testing_support::must(com::readdesignmatrixorder(&cfg, dates));
-            cfg.n_ifg = static_cast<int>(N);
-            cfg.n_date = static_cast<int>(dates.size());
-            cfg.simple_log_origin_mjd = testing_support::must(lib::date2mjd(cfg.simple_log_origin));
-            testing_support::must(sbas::sbas_step2_sbas_linear_new(cfg, dates, baselines.data(), stack, count.data(), 0, P));
+            const auto [cfg, dates] = prepared(job, c.settings + "max_parallel_threads " + std::to_string(threads) + "\n");
+            must(sbas::sbas_step2_sbas_linear_new(cfg, dates, baselines.data(), stack, count.data(), 0, P));
             PerPixel run;
             for (size_t j = 1; j < dates.size(); ++j)
                 run.cumulative.push_back(read_floats(job.result("culmap-" + std::to_string(dates[j].date) + "-" +
@@ -293,9 +290,7 @@ TEST(Grouping, EveryPixelGetsTheBitsOfItsOwnSolution)
                 for (size_t j = 0; j < run.cumulative.size(); ++j)
                     EXPECT_TRUE(same_bits(run.cumulative[j], expected.cumulative[j])) << "date " << j + 1;
                 EXPECT_TRUE(same_bits(run.sigma, expected.sigma));
-                if (cfg.if_est_hgt == 1) {
-                    EXPECT_TRUE(same_bits(run.dem, expected.dem));
-                }
+                EXPECT_TRUE(cfg.if_est_hgt != 1 || same_bits(run.dem, expected.dem));
             }
             runs.push_back(run);
         }
