@@ -52,6 +52,9 @@ TEST(HostileInput, EveryCaseEndsWithOneMessageAndLeavesTheInputsAlone)
     };
     const std::string grid = "WIDTH 6\nFILE_LENGTH 4\nX_FIRST 100.0\nY_FIRST 30.0\nX_STEP 0.01\nY_STEP -0.01\n";
     const std::vector<float> hills(24, 100.0f);
+    const auto edited = [&](const std::string& from, const std::string& to) {
+        return std::string(grid).replace(grid.find(from), from.size(), to);
+    };
     // Interferograms valid on the first row only, a gentle slope along it.
     const auto first_row_only = [&](TinyJob& j) {
         std::vector<float> row(24, 0.0f);
@@ -93,15 +96,11 @@ TEST(HostileInput, EveryCaseEndsWithOneMessageAndLeavesTheInputsAlone)
         {"a configuration that is a character device", "", nullptr, "/dev/urandom",
          "/dev/urandom is a character device, not a regular file\n", kStop},
         {"an interferogram that is a named pipe", "",
-         [&](TinyJob& j) {
-             fs::remove(j.path("ifg/" + b));
-             mkfifo(j.path("ifg/" + b).c_str(), 0600);
-         },
+         [&](TinyJob& j) { fs::remove(j.path("ifg/" + b)), mkfifo(j.path("ifg/" + b).c_str(), 0600); },
          "", "@/ifg/" + b + " is a named pipe, not a regular file\n", kStop},
         {"an output that is a named pipe", "", [](TinyJob& j) { mkfifo(j.result("least_square_sigma").c_str(), 0600); },
          "", "@/result/least_square_sigma is a named pipe, not a regular file\n", kStop},
-        {"a list that is a folder", "filelist @/ifg\n", nullptr, "", "@/ifg is a directory, not a regular file\n",
-         kStop},
+        {"a list that is a folder", "filelist @/ifg\n", nullptr, "", "@/ifg is a directory, not a regular file\n", kStop},
         {"an empty list", "", [](TinyJob& j) { write_text(j.path("list.txt"), ""); }, "",
          "@/list.txt lists no interferogram: nothing to process\n", kStop},
         {"a data folder that is a file", "datafolder @/header.txt\n", nullptr, "",
@@ -132,8 +131,7 @@ TEST(HostileInput, EveryCaseEndsWithOneMessageAndLeavesTheInputsAlone)
         // Found by the stack loader: the samples the reference window reads
         // are there.
         {"an interferogram one byte short", "ref_row 1\nref_col 1\n",
-         [&](TinyJob& j) { fs::resize_file(j.path("ifg/" + b), 95); }, "", "@/ifg/" + b + " file size wrong 95\n",
-         kStop},
+         [&](TinyJob& j) { fs::resize_file(j.path("ifg/" + b), 95); }, "", "@/ifg/" + b + " file size wrong 95\n", kStop},
         // The list of kept interferograms of an earlier run is re-read after
         // the inversion: the outputs exist and its blank line stops the run.
         {"a broken list of kept interferograms", "",
@@ -141,24 +139,16 @@ TEST(HostileInput, EveryCaseEndsWithOneMessageAndLeavesTheInputsAlone)
          "Time series inversion finish****************\n  format error\n", kStop},
         // Corrections that would correct nothing say so.
         {"a DEM beside the grid", eds,
-         [&](TinyJob& j) {
-             std::string header = grid;
-             header.replace(header.find("100.0"), 5, "10.0");
-             dem(j, header, hills);
-         },
-         "", "warning: demfile @/dem.dem gives no pixel of the grid a usable height (the DEM, longitude 10 to 10.05",
+         [&](TinyJob& j) { dem(j, edited("100.0", "10.0"), hills); }, "",
+         "warning: demfile @/dem.dem gives no pixel of the grid a usable height (the DEM, longitude 10 to 10.05",
          kFinish},
         {"a DEM of NaN", eds, [&](TinyJob& j) { dem(j, grid, std::vector<float>(24, NAN)); }, "",
          "warning: demfile @/dem.dem gives no pixel of the grid a usable height (every height it gives is 0, NaN or "
          "infinite); the elevation correction changes nothing\n",
          kFinish},
         {"a DEM whose rows run the other way", eds,
-         [&](TinyJob& j) {
-             std::string header = grid;
-             header.replace(header.find("-0.01"), 5, "0.01");
-             dem(j, header, hills);
-         },
-         "", "warning: demfile @/dem.dem reaches 6 of the 24 pixels of the grid (the DEM's rows or columns run the other way",
+         [&](TinyJob& j) { dem(j, edited("-0.01", "0.01"), hills); }, "",
+         "warning: demfile @/dem.dem reaches 6 of the 24 pixels of the grid (the DEM's rows or columns run the other way",
          kFinish},
         {"a DEM shorter than its header", eds,
          [&](TinyJob& j) { dem(j, grid, std::vector<float>(10, 100.0f)); }, "",
@@ -166,12 +156,7 @@ TEST(HostileInput, EveryCaseEndsWithOneMessageAndLeavesTheInputsAlone)
          "read as height 0\n",
          kFinish},
         {"a grid of no longitude step", eds,
-         [&](TinyJob& j) {
-             std::string header = grid;
-             header.replace(header.find("X_STEP 0.01"), 11, "X_STEP 0");
-             write_text(j.path("header.txt"), header);
-             dem(j, grid, hills);
-         },
+         [&](TinyJob& j) { write_text(j.path("header.txt"), edited("X_STEP 0.01", "X_STEP 0")), dem(j, grid, hills); },
          "", "usable height (headerfile @/header.txt has X_STEP 0 and Y_STEP -0.01)", kFinish},
         {"a DEM coarser than the grid", eds,
          [&](TinyJob& j) { dem(j, "WIDTH 4\nFILE_LENGTH 3\nX_FIRST 100.0\nY_FIRST 30.0\nX_STEP 0.02\nY_STEP -0.02\n", hills); },
@@ -256,11 +241,8 @@ TEST(HostileInput, EveryCaseEndsWithOneMessageAndLeavesTheInputsAlone)
         // the thread that met it.
         {"two short interferograms corrected by two threads",
          only_corrections + "if_remove_orbit 1\nmax_parallel_threads 3\n",
-         [&](TinyJob& j) {
-             fs::resize_file(j.path("ifg/" + b), 50);
-             fs::resize_file(j.path("ifg/" + c), 40);
-         },
-         "", "@/ifg/" + b + " file size wrong 50\n", kStop},
+         [&](TinyJob& j) { fs::resize_file(j.path("ifg/" + b), 50), fs::resize_file(j.path("ifg/" + c), 40); }, "",
+         "@/ifg/" + b + " file size wrong 50\n", kStop},
     };
     for (const auto& k : cases) {
         SCOPED_TRACE(k.what);
@@ -276,10 +258,7 @@ TEST(HostileInput, EveryCaseEndsWithOneMessageAndLeavesTheInputsAlone)
         else expect_stop(o, message, false);
         EXPECT_TRUE(message.empty() || occurrences(o.err, message) == 1) << o.err;
         const auto after = files_under(job.folder());
-        for (const auto& [path, bytes] : before) {
-            const auto now = after.find(path);
-            EXPECT_TRUE(now != after.end() && now->second == bytes) << path << " changed";
-        }
+        for (const auto& [path, bytes] : before) EXPECT_TRUE(after.contains(path) && after.at(path) == bytes) << path;
     }
 }
 
