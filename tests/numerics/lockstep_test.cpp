@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "numerics/linalg.h"
@@ -21,6 +22,23 @@ using Matrix = std::vector<double>;
 bool same_bits(const double* a, const double* b, size_t count)
 {
     return std::memcmp(a, b, count * sizeof(double)) == 0;
+}
+
+// Inverts the first `count` matrices of `a` together and each alone with
+// matinv_acc: every lane must carry the bits of its own inversion.
+void expect_lanes_match(std::vector<Matrix> a, int count, int64_t n, lib::LockstepScratch& scratch,
+                        const std::string& what)
+{
+    std::vector<Matrix> expected = a;
+    double* lanes[lib::kLockstepLanes];
+    for (int k = 0; k < count; ++k) {
+        Matrix lu(n * n);
+        std::vector<int> pivots(n);
+        lib::matinv_acc(expected[k].data(), lu.data(), pivots.data(), n);
+        lanes[k] = a[k].data();
+    }
+    lib::matinv_lockstep(lanes, count, n, scratch);
+    for (int k = 0; k < count; ++k) ASSERT_TRUE(same_bits(a[k].data(), expected[k].data(), a[k].size())) << what << k;
 }
 
 TEST(Lockstep, InversionsMatchMatinvAccLaneByLane)
@@ -46,17 +64,7 @@ TEST(Lockstep, InversionsMatchMatinvAccLaneByLane)
             if (kind == 5) a[k][0] = -INFINITY;
             if (kind == 6) for (double& v : a[k]) v *= 1e300;
         }
-        std::vector<Matrix> expected = a;
-        for (int k = 0; k < count; ++k) {
-            Matrix lu(n * n);
-            std::vector<int> pivots(n);
-            lib::matinv_acc(expected[k].data(), lu.data(), pivots.data(), n);
-        }
-        double* lanes[lib::kLockstepLanes];
-        for (int k = 0; k < count; ++k) lanes[k] = a[k].data();
-        lib::matinv_lockstep(lanes, count, n, scratch);
-        for (int k = 0; k < count; ++k)
-            EXPECT_TRUE(same_bits(a[k].data(), expected[k].data(), a[k].size())) << "trial " << trial << " lane " << k;
+        expect_lanes_match(a, count, n, scratch, "trial " + std::to_string(trial) + " lane ");
     }
 }
 
@@ -120,22 +128,9 @@ TEST(Lockstep, SparseInversionsMatchMatinvAccLaneByLane)
         const int64_t arrow = trial % 3 == 0 ? 1 + trial % 2 : 0;
         const int count = 1 + trial % lib::kLockstepLanes;
         std::vector<Matrix> a(lib::kLockstepLanes);
-        for (int k = 0; k < count; ++k) {
-            const int kind = (trial / 3 + k) % 8;
-            a[k] = banded(rng, n, band, arrow, trial % 4 == 3 ? 7 : kind);
-        }
-        std::vector<Matrix> expected = a;
-        for (int k = 0; k < count; ++k) {
-            Matrix lu(n * n);
-            std::vector<int> pivots(n);
-            lib::matinv_acc(expected[k].data(), lu.data(), pivots.data(), n);
-        }
-        double* lanes[lib::kLockstepLanes];
-        for (int k = 0; k < count; ++k) lanes[k] = a[k].data();
-        lib::matinv_lockstep(lanes, count, n, scratch);
-        for (int k = 0; k < count; ++k)
-            ASSERT_TRUE(same_bits(a[k].data(), expected[k].data(), a[k].size()))
-                << "trial " << trial << " lane " << k << " n " << n << " band " << band << " arrow " << arrow;
+        for (int k = 0; k < count; ++k) a[k] = banded(rng, n, band, arrow, trial % 4 == 3 ? 7 : (trial / 3 + k) % 8);
+        expect_lanes_match(a, count, n, scratch, "trial " + std::to_string(trial) + " band " + std::to_string(band) +
+                                                     " arrow " + std::to_string(arrow) + " lane ");
     }
 }
 
