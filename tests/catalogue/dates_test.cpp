@@ -95,27 +95,19 @@ TEST(DateErrors, MessageAndStream)
     CFG undated;
     undated.ifg_names = {"x_20190101_20190113", "no_dates"};
     const std::pair<std::string, std::string> cases[] = {
-        {reported(lib::date2mjd(19000229)), day},  // 1900 is not a leap year
-        {reported(lib::date2mjd(20180229)), day},
-        {reported(lib::date2mjd(20000431)), day},
-        {reported(lib::date2mjd(20000100)), day},
-        {reported(lib::date2mjd(20001301)), month},
-        {reported(lib::date2mjd(20000001)), month},
+        {reported(lib::date2mjd(19000229)), day}, {reported(lib::date2mjd(20180229)), day},  // 1900: no leap year
+        {reported(lib::date2mjd(20000431)), day}, {reported(lib::date2mjd(20000100)), day},
+        {reported(lib::date2mjd(20001301)), month}, {reported(lib::date2mjd(20000001)), month},
         {reported(lib::date2mjd(20001332)), month},  // month is checked before day
-        {reported(lib::date2mjd(21010101)), year},
-        {reported(lib::date2mjd(18991231)), year},
+        {reported(lib::date2mjd(21010101)), year}, {reported(lib::date2mjd(18991231)), year},
         {reported(lib::date2mjd(21011301)), year},  // year is checked before month
-        {reported(lib::date2mjd(0)), year},
-        {reported(lib::date2mjd(-20000101)), year},
+        {reported(lib::date2mjd(0)), year}, {reported(lib::date2mjd(-20000101)), year},
         {reported(lib::date2mjd(20000101 + (int64_t(1) << 32))), year},  // not a wrapped date
         // A name without dates gives the scan's 0, which is kept as a date.
         {reported(com::getdateorder(undated)), year},
-        {reported(lib::mjd2date(15019)), j2000},
-        {reported(lib::mjd2date(88069.001)), j2000},
+        {reported(lib::mjd2date(15019)), j2000}, {reported(lib::mjd2date(88069.001)), j2000},
         {reported(lib::mjd2date(std::nan(""))), j2000},
-        {design(2, 1, 2), filelist},
-        {design(2, 2, 1), filelist},
-        {design(1, 2, 2), filelist},
+        {design(2, 1, 2), filelist}, {design(2, 2, 1), filelist}, {design(1, 2, 2), filelist},
     };
     for (size_t k = 0; k < std::size(cases); ++k) EXPECT_EQ(cases[k].first, cases[k].second) << "case " << k;
 }
