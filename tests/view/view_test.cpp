@@ -176,7 +176,7 @@ TEST_F(ViewTest, ExportedGeoTiffsAndCubeCarryTheGridUnitsNoDataAndConvertedValue
     nc_close(nc);
 }
 
-TEST_F(ViewTest, FiguresArePngsOfTheRequestedSize)
+TEST_F(ViewTest, FiguresArePngsOfTheRequestedSizeAndTheReferenceHistoryIsZero)
 {
     const std::string config = path("config.txt");
     Outcome run = view({"map", path("result/linear_mean_velocity"), "--config", config, "--unit", "mm", "-o",
@@ -189,15 +189,22 @@ TEST_F(ViewTest, FiguresArePngsOfTheRequestedSize)
     ASSERT_EQ(run.status, 0) << run.err;
     EXPECT_EQ(png_size(path("series.png")), std::make_pair(1200, 800));
     // Pixel (1, 2) = 7: maps 3.5 and 7 rad, filtered 2.8 and 6.3, velocity 14 rad/yr.
-    EXPECT_EQ(read_text(path("series.csv")),
-              "date,days_since_first,displacement_rad,filtered_rad,mean_velocity_line_rad\n"
-              "2020-01-01,0,0,0,0\n"
-              "2020-01-13,12,3.5,2.79999995,0.459958932\n"
-              "2020-01-25,24,7,6.30000019,0.919917864\n");
+    EXPECT_EQ(read_text(path("series.csv")), "date,days_since_first,displacement_rad,filtered_rad,mean_velocity_line_rad\n"
+                                             "2020-01-01,0,0,0,0\n2020-01-13,12,3.5,2.79999995,0.459958932\n"
+                                             "2020-01-25,24,7,6.30000019,0.919917864\n");
 
     run = view({"network", "--config", config, "-o", path("network.png"), "--size", "800x500"});
     ASSERT_EQ(run.status, 0) << run.err;
     EXPECT_EQ(png_size(path("network.png")), std::make_pair(800, 500));
+
+    // Pixel 0 is 0 in every map: as the reference, its history is zero.
+    write_text(path("config.txt"), "resultfolder result\nheaderfile header.txt\nfilelist list.txt\ndatafolder ifg\n");
+    write_text(path("result/refpoint"), "refpoint position: 0\nrefpoint row: 0\nrefpoint col: 0\n");
+    run = view({"series", path("result"), "--config", config, "--pixel", "0", "0", "-o", path("ref.png"), "--csv",
+                path("ref.csv")});
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(read_text(path("ref.csv")), "date,days_since_first,displacement_rad,filtered_rad,mean_velocity_line_rad\n"
+                                          "2020-01-01,0,0,0,0\n2020-01-13,12,0,,0\n2020-01-25,24,0,,0\n");
 }
 
 TEST_F(ViewTest, BadArgumentsGiveOneMessageAndAFailureStatus)
@@ -275,21 +282,6 @@ TEST_F(ViewTest, OutputsThatAreInputsAreRefusedAndLinksAtOutputNamesReplaced)
     const Outcome run = view({"network", "--config", config, "-o", path("link.png")});
     EXPECT_EQ(run.status, 0) << run.err;
     EXPECT_EQ(read_text(path("elsewhere.png")), "keep");
-}
-
-TEST_F(ViewTest, TheReferencePixelsHistoryIsDrawnAsZeros)
-{
-    // Pixel 0 is 0 in every map: as the reference, its history is zero.
-    write_text(path("config.txt"), "resultfolder result\nheaderfile header.txt\nfilelist list.txt\ndatafolder ifg\n");
-    write_text(path("result/refpoint"), "refpoint position: 0\nrefpoint row: 0\nrefpoint col: 0\n");
-    const Outcome run = view({"series", path("result"), "--config", path("config.txt"), "--pixel", "0", "0", "-o",
-                              path("ref.png"), "--csv", path("ref.csv")});
-    ASSERT_EQ(run.status, 0) << run.err;
-    EXPECT_EQ(read_text(path("ref.csv")),
-              "date,days_since_first,displacement_rad,filtered_rad,mean_velocity_line_rad\n"
-              "2020-01-01,0,0,0,0\n"
-              "2020-01-13,12,0,,0\n"
-              "2020-01-25,24,0,,0\n");
 }
 
 }  // namespace
