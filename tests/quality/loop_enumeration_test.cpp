@@ -111,16 +111,10 @@ TEST(LoopEnumeration, DenseNetworksMatchAndSingleReferenceIsFast)
     expect_same(first, second);
 
     // 6,000 interferograms from one reference date, then a few links.
-    first.clear();
+    first.assign(6000, 100000000);
     second.clear();
-    for (int64_t d = 1; d <= 6000; ++d) {
-        first.push_back(100000000);
-        second.push_back(100000000 + d);
-    }
-    for (int64_t d = 1; d < 6000; d += 500) {
-        first.push_back(100000000 + d);
-        second.push_back(100000000 + d + 1);
-    }
+    for (int64_t d = 1; d <= 6000; ++d) second.push_back(100000000 + d);
+    for (int64_t d = 1; d < 6000; d += 500) first.push_back(100000000 + d), second.push_back(100000000 + d + 1);
     const auto start = std::chrono::steady_clock::now();
     auto found = quality::find_loops(first, second);
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
