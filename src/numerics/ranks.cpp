@@ -59,7 +59,10 @@ std::vector<char> new_log()
     text.resize(static_cast<size_t>(st.st_size - forwarded));
     const ssize_t got = pread(log_fd, text.data(), text.size(), forwarded);
     text.resize(got > 0 ? static_cast<size_t>(got) : 0);
-    forwarded += static_cast<off_t>(text.size());
+    // Start the file again, so that a long run's log does not pile up in
+    // memory (standard error shares the file's offset).
+    if (ftruncate(log_fd, 0) == 0 && lseek(log_fd, 0, SEEK_SET) == 0) forwarded = 0;
+    else forwarded += static_cast<off_t>(text.size());
     return text;
 }
 
