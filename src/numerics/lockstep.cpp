@@ -278,6 +278,30 @@ SBAS_LANES_INLINE void factor_sparse(typename Vectors<W>::V* lu, typename Vector
     for (int k = 0; k < W; ++k) singular[k] = bad[k] != 0;
 }
 
+// The columns c0 .. c0 + columns - 1 of the block of B that invert() and
+// invert_sparse() solve, set to the permuted unit vectors of each lane, in
+// xs; a missing column of the last block repeats the block's first, which
+// then only computes the same values again. Returns the first row where any
+// of them is not zero.
+template <int W, int B>
+SBAS_LANES_INLINE int64_t unit_columns(typename Vectors<W>::V* x, const int* position, int64_t c0, int64_t columns,
+                                       int64_t n, typename Vectors<W>::V** xs)
+{
+    using V = typename Vectors<W>::V;
+    int64_t lo = n;
+    for (int s = 0; s < B; ++s) {
+        xs[s] = x + (c0 + (s < columns ? s : 0)) * n;
+        if (s >= columns) continue;
+        for (int64_t i = 0; i < n; ++i) xs[s][i] = V{};
+        for (int k = 0; k < W; ++k) {
+            const int64_t at = position[(c0 + s) * W + k];
+            xs[s][at][k] = 1.0;
+            lo = std::min(lo, at);
+        }
+    }
+    return lo;
+}
+
 // The inverse from the factors, column c of x (x[c * n + i]) being what
 // lubksb leaves of unit vector c, lane by lane. ut holds the factors
 // transposed (ut[i * n + j] = lu[j * n + i]) so that a row of either factor
@@ -293,19 +317,7 @@ SBAS_LANES_INLINE void invert(const typename Vectors<W>::V* ut, const int* posit
     for (int64_t c0 = 0; c0 < n; c0 += B) {
         const int64_t columns = std::min<int64_t>(B, n - c0);
         V* xs[B];
-        int64_t lo = n;
-        for (int s = 0; s < B; ++s) {
-            // A missing column of the last block repeats the block's first,
-            // which then only computes the same values again.
-            xs[s] = x + (c0 + (s < columns ? s : 0)) * n;
-            if (s >= columns) continue;
-            for (int64_t i = 0; i < n; ++i) xs[s][i] = V{};
-            for (int k = 0; k < W; ++k) {
-                const int64_t at = position[(c0 + s) * W + k];
-                xs[s][at][k] = 1.0;
-                lo = std::min(lo, at);
-            }
-        }
+        const int64_t lo = unit_columns<W, B>(x, position, c0, columns, n, xs);
         // Forward substitution, element i: the terms l[i][j] x[j] over j < i
         // in increasing j (those before the lane's first nonzero entry add
         // nothing).
@@ -353,17 +365,7 @@ SBAS_LANES_INLINE void invert_sparse(const typename Vectors<W>::V* lu, const int
     for (int64_t c0 = 0; c0 < n; c0 += B) {
         const int64_t columns = std::min<int64_t>(B, n - c0);
         V* xs[B];
-        int64_t lo = n;
-        for (int s = 0; s < B; ++s) {
-            xs[s] = x + (c0 + (s < columns ? s : 0)) * n;
-            if (s >= columns) continue;
-            for (int64_t i = 0; i < n; ++i) xs[s][i] = V{};
-            for (int k = 0; k < W; ++k) {
-                const int64_t at = position[(c0 + s) * W + k];
-                xs[s][at][k] = 1.0;
-                lo = std::min(lo, at);
-            }
-        }
+        const int64_t lo = unit_columns<W, B>(x, position, c0, columns, n, xs);
         for (int64_t i = lo + 1; i < n; ++i) {
             V acc[B];
             for (int s = 0; s < B; ++s) acc[s] = xs[s][i];

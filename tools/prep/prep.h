@@ -92,7 +92,6 @@ struct RasterInfo {
     std::optional<Found> wavelength;
     std::optional<double> bperp;
 };
-void start_gdal();
 RasterInfo inspect_raster(const std::string& path);
 // The file's samples put on `target` by nearest neighbour; NaN, infinities,
 // the file's no-data value, 0 and pixels outside the file become 0.

@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "common/gdal_start.h"
 #include "prep/fail.h"
 #include "prep/prep.h"
 
@@ -41,7 +42,7 @@ void close(Opened& o)
 
 Opened open_lonlat(const std::string& path)
 {
-    start_gdal();
+    tools::start_gdal();
     Opened o;
     o.file = GDALOpen(path.c_str(), GA_ReadOnly);
     if (!o.file) fail("cannot read %s: %s", path.c_str(), CPLGetLastErrorMsg());
@@ -135,15 +136,6 @@ void take_sidecars(RasterInfo& info, const std::string& path)
 }
 
 }  // namespace
-
-void start_gdal()
-{
-    static bool started = false;
-    if (started) return;
-    GDALAllRegister();
-    CPLPushErrorHandler(CPLQuietErrorHandler);
-    started = true;
-}
 
 RasterInfo inspect_raster(const std::string& path)
 {

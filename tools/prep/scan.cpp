@@ -10,6 +10,7 @@
 #include <set>
 
 #include "catalogue/filelist.h"
+#include "common/gdal_start.h"
 #include "prep/fail.h"
 #include "prep/prep.h"
 
@@ -127,7 +128,7 @@ Plan plan_folder(const Options& o)
     std::sort(plan.pairs.begin(), plan.pairs.end(),
               [](const Pair& a, const Pair& b) { return std::pair{a.date1, a.date2} < std::pair{b.date1, b.date2}; });
 
-    start_gdal();
+    tools::start_gdal();
     std::vector<Grid> grids;
     std::vector<std::string> names;
     std::map<std::string, int> warped;

@@ -22,6 +22,7 @@
 #include <cstdio>
 #include <string>
 
+#include "common/gdal_start.h"
 #include "view/fail.h"
 #include "view/outputs.h"
 
@@ -40,22 +41,12 @@ std::string number(double value, const char* format = "%.10g")
     return text;
 }
 
-// Registers GDAL's drivers once, and keeps GDAL's messages off standard
-// error: a failure is reported by sbas-view, with GDAL's last message.
-void start_gdal()
-{
-    static bool started = false;
-    if (started) return;
-    GDALAllRegister();
-    CPLPushErrorHandler(CPLQuietErrorHandler);
-    started = true;
-}
 
 }  // namespace
 
 void write_geotiff(const std::string& path, std::vector<float>& values, const Quantity& q, const Provenance& p)
 {
-    start_gdal();
+    tools::start_gdal();
     const Grid& grid = p.job->grid;
 
     GDALDriverH mem = GDALGetDriverByName("MEM");
