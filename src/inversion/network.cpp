@@ -73,11 +73,9 @@ lib::Status invert_batch(const CFG& cfg, const std::vector<DATEORDER>& dateorder
 
     Maps maps;
     const int64_t increments = net.D > 1 ? net.D - 1 : 0;
-    maps.cumulative = lib::create_2d_array_float(increments, P);
-    maps.sigma = lib::zeros_float(P, 1);
-    maps.dem = lib::zeros_float(P, 1);
-    if (P > 0 && (!lib::complete(maps.cumulative, increments, P) || !maps.sigma || !maps.dem))
-        lib::out_of_memory();
+    maps.cumulative = lib::need_rows(increments, P);
+    maps.sigma = lib::need<float>(P);
+    maps.dem = lib::need<float>(P);
 
     report(cfg, net, P);
 

@@ -112,8 +112,15 @@ private:
 };
 
 // rows x cols zero-filled floats (lib::free2d_float), or the end of the run
-// when any part fails. rows < 1 gives null.
+// when any part fails. rows < 1 gives null. Rows of 2 MiB and more lie on
+// transparent huge pages and are zeroed here at once: for arrays that are
+// written nearly whole (the maps of a batch), where this saves most of the
+// page faults.
 float** need_rows(int64_t rows, int64_t cols);
+
+// need_rows without the zeros, for a caller that writes every element of
+// every row before reading any (a batch read from the files).
+float** need_rows_to_fill(int64_t rows, int64_t cols);
 
 // One zero float per interferogram of a list of n, and never an empty block
 // (one entry when n is 0), so that callers may index and free it alike.
