@@ -9,7 +9,13 @@
 // variance and failure arrays while every loop passes over it, the pixels
 // in the lanes. Loops: W loops (the vector width) walk the pixels side by
 // side, one loop per lane, a tile of pixels at a time so that the rows of
-// the tile stay in cache while the groups of loops pass over it.
+// the tile stay in cache while the groups of loops pass over it; the
+// closures of the tile are first computed W pixels at a time into a small
+// buffer, pixel by pixel, so that the serial walk only loads them.
+//
+// Validity is tested on the floats themselves (see kSmallestValid), which
+// the compiler keeps in vector registers; the same test on widened doubles
+// was taken lane by lane.
 #include "quality/closure_kernels.h"
 
 #include <algorithm>
@@ -31,18 +37,44 @@ inline bool valid_sample(float x)
     return w >= 1e-8 && w <= DBL_MAX;
 }
 
-// The validity of W widened floats (lib::isvalid in each lane): the
-// magnitude at least 1e-8 and not above the largest double.
-#define SBAS_VALID_LANES(x) \
-    (((V)((B)__builtin_convertvector(x, V) & 0x7fffffffffffffffULL) >= 1e-8) & \
-     ((V)((B)__builtin_convertvector(x, V) & 0x7fffffffffffffffULL) <= DBL_MAX))
+// lib::isvalid on floats without widening them: a float's magnitude is at
+// least 1e-8 as a double exactly when it is at least the smallest float that
+// is (0x1.5798fp-27), and a float is at most the largest double exactly when
+// it is finite; NaN fails both tests. Gives -1 in the valid lanes.
+constexpr float kSmallestValid = 0x1.5798fp-27f;
+
+template <int W>
+struct FloatLanes {
+    typedef float F __attribute__((vector_size(W * sizeof(float)), aligned(sizeof(float))));
+    typedef int32_t M __attribute__((vector_size(W * sizeof(float))));
+};
+
+template <int W>
+[[gnu::always_inline]] inline void and_valid(typename FloatLanes<W>::M& valid, const typename FloatLanes<W>::F& x)
+{
+    using F = typename FloatLanes<W>::F;
+    using M = typename FloatLanes<W>::M;
+    const F magnitude = (F)((M)x & 0x7fffffff);
+    valid &= (magnitude >= kSmallestValid) & (magnitude <= FLT_MAX);
+}
+
+// The lanes where a, b and c are all valid.
+template <int W>
+[[gnu::always_inline]] inline void all_valid(typename FloatLanes<W>::M& valid, const typename FloatLanes<W>::F& a,
+                                             const typename FloatLanes<W>::F& b, const typename FloatLanes<W>::F& c)
+{
+    valid = typename FloatLanes<W>::M{} - 1;
+    and_valid<W>(valid, a);
+    and_valid<W>(valid, b);
+    and_valid<W>(valid, c);
+}
 
 template <int W>
 SBAS_LANES_INLINE void pixel_tile(const LOOPORDER* loops, int64_t loop_count, float* const* stack, int64_t first,
                                   int64_t width, float threshold, double* count, double* mean, double* variance,
                                   double* failed)
 {
-    typedef float F __attribute__((vector_size(W * sizeof(float)), aligned(sizeof(float))));
+    using F = typename FloatLanes<W>::F;
     using V = typename lib::Vectors<W>::V;
     using I = typename lib::Vectors<W>::I;
     using U = typename lib::Vectors<W>::U;
@@ -56,7 +88,9 @@ SBAS_LANES_INLINE void pixel_tile(const LOOPORDER* loops, int64_t loop_count, fl
             const F a = *reinterpret_cast<const F*>(s01 + t);
             const F b = *reinterpret_cast<const F*>(s02 + t);
             const F c = *reinterpret_cast<const F*>(s12 + t);
-            const I valid = SBAS_VALID_LANES(a) & SBAS_VALID_LANES(b) & SBAS_VALID_LANES(c);
+            typename FloatLanes<W>::M valid_samples;
+            all_valid<W>(valid_samples, a, b, c);
+            const I valid = __builtin_convertvector(valid_samples, I);
             const F closure = a - b + c;
             const V x = __builtin_convertvector(closure, V);
             const V n = *reinterpret_cast<const U*>(count + t);
@@ -94,35 +128,50 @@ SBAS_BY_WIDTH(void, pixel_tile_any, pixel_tile,
                float threshold, double* count, double* mean, double* variance, double* failed),
               (loops, loop_count, stack, first, width, threshold, count, mean, variance, failed))
 
-// W loops side by side over pixels [first, end).
+// W loops side by side over pixels [first, end) (at most kTile of them).
+// First each loop's closures over the stretch, computed W pixels at a time
+// and laid out pixel by pixel (closures[j * W + g] for loop g at pixel j),
+// NaN where a sample is invalid: a closure of three finite floats is never
+// NaN, so NaN marks exactly the pixels the loop skips. Then the running
+// updates walk the pixels in order, one loop per lane.
 template <int W>
 SBAS_LANES_INLINE void loop_group(const LOOPORDER* loops, int lanes, float* const* stack, int64_t first, int64_t end,
-                lib::RunningMoments* moments)
+                                  float* closures, lib::RunningMoments* moments)
 {
+    using F = typename FloatLanes<W>::F;
+    using M = typename FloatLanes<W>::M;
     using V = typename lib::Vectors<W>::V;
     using I = typename lib::Vectors<W>::I;
-    const float* s01[W];
-    const float* s02[W];
-    const float* s12[W];
+    const int64_t width = end - first;
+    const int64_t whole = width - width % W;
     V count, mean, variance;
     for (int g = 0; g < W; ++g) {
         const int from = g < lanes ? g : 0;  // idle lanes repeat loop 0, never kept
-        s01[g] = stack[loops[from].ifg01];
-        s02[g] = stack[loops[from].ifg02];
-        s12[g] = stack[loops[from].ifg12];
+        const float* s01 = stack[loops[from].ifg01] + first;
+        const float* s02 = stack[loops[from].ifg02] + first;
+        const float* s12 = stack[loops[from].ifg12] + first;
+        for (int64_t t = 0; t < whole; t += W) {
+            const F a = *reinterpret_cast<const F*>(s01 + t);
+            const F b = *reinterpret_cast<const F*>(s02 + t);
+            const F c = *reinterpret_cast<const F*>(s12 + t);
+            M valid;
+            all_valid<W>(valid, a, b, c);
+            const F x = valid ? a - b + c : F{} + __builtin_nanf("");
+            for (int i = 0; i < W; ++i) closures[(t + i) * W + g] = x[i];
+        }
+        for (int64_t t = whole; t < width; ++t) {
+            const float a = s01[t], b = s02[t], c = s12[t];
+            const bool valid = valid_sample(a) && valid_sample(b) && valid_sample(c);
+            closures[t * W + g] = valid ? a - b + c : __builtin_nanf("");
+        }
         count[g] = moments[from].count;
         mean[g] = moments[from].mean;
         variance[g] = moments[from].variance;
     }
-    for (int64_t j = first; j < end; ++j) {
-        V x;
-        I valid;
-        for (int g = 0; g < W; ++g) {
-            const float a = s01[g][j], b = s02[g][j], c = s12[g][j];
-            valid[g] = valid_sample(a) && valid_sample(b) && valid_sample(c) ? -1 : 0;
-            const float closure = a - b + c;
-            x[g] = closure;
-        }
+    for (int64_t t = 0; t < width; ++t) {
+        const F closure = *reinterpret_cast<const F*>(closures + t * W);
+        const I valid = __builtin_convertvector(closure == closure, I);
+        const V x = __builtin_convertvector(closure, V);
         const V k = count + 1;
         const V m_old = mean;
         V m_new = ((k - 1) * m_old + x) / k;
@@ -141,11 +190,12 @@ template <int W>
 SBAS_LANES_INLINE void loop_closures(const LOOPORDER* loops, int64_t loop_count, float* const* stack, int64_t from, int64_t to,
                    lib::RunningMoments* moments)
 {
+    alignas(64) float closures[kTile * W];
     for (int64_t first = from; first < to; first += kTile) {
         const int64_t end = std::min(to, first + kTile);
         for (int64_t l = 0; l < loop_count; l += W)
             loop_group<W>(loops + l, static_cast<int>(std::min<int64_t>(W, loop_count - l)), stack, first, end,
-                          moments + l);
+                          closures, moments + l);
     }
 }
 
