@@ -61,6 +61,9 @@ struct Run {
     // With the grid in one batch: the stack as the next stage that reads it
     // would load it, handed on instead of read again.
     com::HeldBatch held;
+    // With the grid in one batch: the interferograms as the reference search
+    // read them, for the loop-closure check.
+    com::HeldBatch read;
 };
 
 bool reference_consumer(const CFG& cfg)
@@ -87,11 +90,12 @@ lib::Status check_job(CFG& cfg, const HEADER& grid, const char* config_path)
 }
 
 // The reference values of the interferograms as they now are; the stage may
-// choose the reference pixel and write it into the record.
-lib::Status compute_reference_values(Run& run)
+// choose the reference pixel and write it into the record. With `keep`, a
+// search that reads the interferograms whole leaves them there.
+lib::Status compute_reference_values(Run& run, com::HeldBatch* keep = nullptr)
 {
     const auto step = [&]() -> lib::Status {
-        SBAS_TAKE(float* values, sbas_step1(&run.cfg, run.grid));
+        SBAS_TAKE(float* values, sbas_step1(&run.cfg, run.grid, keep));
         run.reference_values = lib::Owned<float>::adopt(values);
         return {};
     };
@@ -147,13 +151,29 @@ void mask_held_stack(Run& run, const std::vector<std::string>& before)
     held.count = std::move(count);
 }
 
+bool reuse_closure_mask(const CFG& cfg)
+{
+    const com::Path mask_path = com::join_path(cfg.resultfolder, "phase_loop_closure_mask");
+    return lib::opens_for_reading(mask_path.c_str()) && cfg.if_use_existing_phasemask != 0;
+}
+
+// Whether the loop-closure check will read the stack in one batch right
+// after the first reference values, in a run of one process: it may then
+// take the interferograms the reference search read.
+bool check_takes_the_search_read(const Run& run)
+{
+    const CFG& cfg = run.cfg;
+    return cfg.if_check_loop_closure == 1 && !lib::spread() && cfg.maxcap >= com::pixel_count(run.grid) &&
+           !reuse_closure_mask(cfg);
+}
+
 // Runs the check unless an existing mask is to be reused, then fills the
 // closure mask from "phase_loop_closure_mask". The check may drop
 // interferograms from the record; the reference values follow the list.
 lib::Status check_loop_closure(Run& run)
 {
     const com::Path mask_path = com::join_path(run.cfg.resultfolder, "phase_loop_closure_mask");
-    const bool reuse = lib::opens_for_reading(mask_path.c_str()) && run.cfg.if_use_existing_phasemask != 0;
+    const bool reuse = reuse_closure_mask(run.cfg);
     const std::vector<std::string> before = run.cfg.ifg_names;
     if (reuse) {
         std::fputs("Use existing phase closure mask\n", stderr);
@@ -167,7 +187,7 @@ lib::Status check_loop_closure(Run& run)
         const bool hand_on = !corrections_asked(run.cfg) &&
                              (run.cfg.if_stacking == 1 || run.cfg.if_inverse_time_series != 0);
         lib::Status checked = quality::remove_ifg_by_loop_closure_with_reference(
-            &run.cfg, run.grid, run.reference_values.get(), hand_on ? &run.held : nullptr);
+            &run.cfg, run.grid, run.reference_values.get(), hand_on ? &run.held : nullptr, &run.read);
         if (checked.ok() && lib::ranks().rank == 0)
             keep_reference_values(before, run.cfg.ifg_names, run.reference_values.get());
         SBAS_TRY(share_from_first_rank(run.cfg, &run.reference_values, std::move(checked)));
@@ -323,7 +343,7 @@ lib::Status sbas_allocate_area(const char* config_path, std::vector<lib::StageCo
     const lib::Status load_status = loaded.ok() ? lib::Status() : lib::Status(loaded.error());
     SBAS_TRY(lib::agree(0, load_status));
     JOB& job = *loaded;
-    Run run{std::move(job.cfg), job.header, {}, {}, {}, {}, {}, {}, {}};
+    Run run{std::move(job.cfg), job.header, {}, {}, {}, {}, {}, {}, {}, {}};
     CFG& cfg = run.cfg;
     SBAS_TRY(lib::agree(0, check_job(cfg, run.grid, config_path)));
     run.job_list = cfg.filelist;
@@ -333,7 +353,9 @@ lib::Status sbas_allocate_area(const char* config_path, std::vector<lib::StageCo
     // check needs them); zeros when nothing consumes them.
     run.reference_values = lib::Owned<float>::adopt(lib::per_interferogram(cfg.ifg_names.size()));
     if (reference_consumer(cfg))
-        SBAS_TRY(timed(costs, "reference values", [&] { return compute_reference_values(run); }));
+        SBAS_TRY(timed(costs, "reference values", [&] {
+            return compute_reference_values(run, check_takes_the_search_read(run) ? &run.read : nullptr);
+        }));
 
     run.closure_mask = lib::Owned<float>(com::pixel_count(run.grid));
     if (cfg.if_check_loop_closure == 1)

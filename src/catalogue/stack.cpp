@@ -31,15 +31,20 @@
 namespace com {
 namespace {
 
+void refer_row(int64_t start, int64_t width, float reference, const float* mask, float* row)
+{
+    for (int64_t j = 0; j < width; ++j) {
+        const bool keep = lib::isvalid(row[j]) && (!mask || mask[start + j] < 0.5);
+        row[j] = keep ? row[j] - reference : 0.0f;
+    }
+}
+
 lib::Status read_referenced_row(const CFG& cfg, int64_t k, int64_t start, int64_t width, float reference,
                                 const float* mask, float* row)
 {
     const Path path = join_path(cfg.datafolder, cfg.ifg_names[static_cast<size_t>(k)].c_str());
     SBAS_TRY(read_raster(path.c_str(), start, width, row));
-    for (int64_t j = 0; j < width; ++j) {
-        const bool keep = lib::isvalid(row[j]) && (!mask || mask[start + j] < 0.5);
-        row[j] = keep ? row[j] - reference : 0.0f;
-    }
+    refer_row(start, width, reference, mask, row);
     return {};
 }
 
@@ -63,7 +68,7 @@ lib::Result<float**> load(const CFG& cfg, int64_t start, int64_t end, const floa
 {
     const int64_t n = static_cast<int64_t>(cfg.ifg_names.size());
     const int64_t width = end > start ? end - start : 0;
-    float** stack = lib::need_rows(n, width);
+    float** stack = lib::need_rows_to_fill(n, width);
     lib::FirstError failure;
 
 #pragma omp parallel num_threads(lib::region_threads(cfg.max_parallel_threads))
@@ -145,6 +150,18 @@ float** mask_loaded_stack(const CFG& cfg, float** loaded, int64_t n_loaded, cons
         count_and_drop(stack, n, pixels.first, pixels.end, cfg.minimum_temporal_ifg_ratio, count);
     }
     return stack;
+}
+
+float** refer_read_stack(const CFG& cfg, HeldBatch& read, const float* reference_values)
+{
+    float** rows = read.rows;
+    const int64_t n = read.n_rows;
+    const int64_t width = read.end - read.first;
+    read.rows = nullptr;
+    read.release();
+#pragma omp parallel for num_threads(lib::region_threads(cfg.max_parallel_threads)) schedule(static)
+    for (int64_t k = 0; k < n; ++k) refer_row(0, width, reference_values[k], nullptr, rows[k]);
+    return rows;
 }
 
 lib::Result<float**> readallfile(const CFG& cfg, int64_t start, int64_t end, const float* reference_values,

@@ -69,4 +69,9 @@ struct HeldBatch {
 float** mask_loaded_stack(const CFG& cfg, float** stack, int64_t n_loaded, const int64_t* keep, int64_t start,
                           int64_t end, const float* closure_mask, int* count);
 
+// Takes the rows of `read` (every interferogram of cfg.ifg_names as its file
+// holds it, over the batch read.first..read.end) and turns them in place
+// into what readallfile_nomask loads for that batch; `read` is left empty.
+float** refer_read_stack(const CFG& cfg, HeldBatch& read, const float* reference_values);
+
 }  // namespace com

@@ -200,7 +200,8 @@ void add_batch(const CFG& cfg, const std::vector<LOOPORDER>& loops, float* const
 // in pixel order, so the loops' running state is handed on from the rank of
 // one batch to the rank of the next, and rank 0 gathers the pixels' state.
 lib::Status accumulate(const CFG& cfg, const HEADER& header, const float* reference_values,
-                       const std::vector<LOOPORDER>& loops, Closures& closures, com::HeldBatch* held)
+                       const std::vector<LOOPORDER>& loops, Closures& closures, com::HeldBatch* held,
+                       com::HeldBatch* read)
 {
     const int64_t pixel_total = com::pixel_count(header);
     const int64_t n_ifg = static_cast<int64_t>(cfg.ifg_names.size());
@@ -241,7 +242,13 @@ lib::Status accumulate(const CFG& cfg, const HEADER& header, const float* refere
     if (!lib::spread())
         return lib::for_each_batch(pixel_total, cfg.maxcap, [&](const lib::Batch& batch) -> lib::Status {
             std::fprintf(stderr, "\n=>Caculating phase closure maps batch %d / %.0f\n", batch.number, total);
-            SBAS_TAKE(float** stack, com::readallfile_nomask(cfg, batch.first, batch.end, reference_values));
+            float** stack = nullptr;
+            if (read && read->holds(batch.first, batch.end) && read->n_rows == n_ifg) {
+                stack = com::refer_read_stack(cfg, *read, reference_values);
+            } else {
+                if (read) read->release();
+                SBAS_TAKE(stack, com::readallfile_nomask(cfg, batch.first, batch.end, reference_values));
+            }
             if (n_loops > 0) {
                 add_batch(cfg, loops, stack, batch.end - batch.first, closures.pixels.get() + batch.first, moments,
                           true);
@@ -401,7 +408,7 @@ lib::Status write_lists(CFG* cfg, const IfgClosure* ifgs)
 }  // namespace
 
 lib::Status remove_ifg_by_loop_closure_with_reference(CFG* cfg, const HEADER& header, const float* reference_values,
-                                                      com::HeldBatch* held)
+                                                      com::HeldBatch* held, com::HeldBatch* read)
 {
     print_settings(*cfg);
     const int64_t pixel_total = com::pixel_count(header);
@@ -409,7 +416,7 @@ lib::Status remove_ifg_by_loop_closure_with_reference(CFG* cfg, const HEADER& he
     Closures closures{lib::Owned<PixelClosure>(pixel_total),
                       lib::Owned<lib::RunningMoments>(static_cast<int64_t>(loops.size())),
                       lib::Owned<IfgClosure>(static_cast<int64_t>(cfg->ifg_names.size()))};
-    SBAS_TRY(accumulate(*cfg, header, reference_values, loops, closures, held));
+    SBAS_TRY(accumulate(*cfg, header, reference_values, loops, closures, held, read));
     // In an MPI run rank 0, which now holds every pixel's and loop's state,
     // finishes the check alone; the driver hands its outcome to the others.
     if (lib::ranks().rank != 0) return {};

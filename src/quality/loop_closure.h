@@ -41,8 +41,11 @@ namespace quality {
 // on max_parallel_threads threads; no output depends on their number.
 // With `held` not null, a single process and the grid in one batch, the
 // loaded stack (com::readallfile_nomask, the list as it was on entry) is left
-// in *held (no counts) instead of freed.
+// in *held (no counts) instead of freed. With `read` holding the
+// interferograms of the list as their files hold them, over the whole grid
+// (what the reference search read), those rows are referred in place
+// instead of reading the files again; `read` is left empty either way.
 lib::Status remove_ifg_by_loop_closure_with_reference(CFG* cfg, const HEADER& header, const float* reference_values,
-                                                      com::HeldBatch* held = nullptr);
+                                                      com::HeldBatch* held = nullptr, com::HeldBatch* read = nullptr);
 
 }  // namespace quality

@@ -34,6 +34,7 @@
 
 #include "catalogue/header.h"
 #include "catalogue/raster.h"
+#include "catalogue/stack.h"
 #include "config/fatal.h"
 #include "numerics/arrays.h"
 #include "numerics/ranks.h"
@@ -105,13 +106,17 @@ lib::Block rank_units(int64_t units)
 // the threads never wait for one another. An interferogram that cannot be
 // read is reported as reading it whole reports it (the first one in the
 // list that fails); the accumulators are then of no use. In an MPI run the
-// units are first cut into one block per rank (rank_units).
+// units are first cut into one block per rank (rank_units). With `keep`,
+// the interferograms are read into rows of the whole grid that are left to
+// the caller (one rank only).
 template <typename Visit>
-lib::Status for_each_slice(const CFG& cfg, int64_t pixels, int64_t units, int64_t unit_pixels, Visit visit)
+lib::Status for_each_slice(const CFG& cfg, int64_t pixels, int64_t units, int64_t unit_pixels, Visit visit,
+                           HeldBatch* keep)
 {
     const int64_t n = static_cast<int64_t>(cfg.ifg_names.size());
     const lib::Block mine = rank_units(units);
     lib::FirstError failure;
+    float** rows = keep && !lib::spread() && n > 0 && pixels > 0 ? lib::need_rows_to_fill(n, pixels) : nullptr;
 #pragma omp parallel num_threads(lib::region_threads(cfg.max_parallel_threads))
     {
         lib::Block block = lib::block_of(mine.end - mine.first, omp_get_num_threads(), omp_get_thread_num());
@@ -119,18 +124,28 @@ lib::Status for_each_slice(const CFG& cfg, int64_t pixels, int64_t units, int64_
         block.end += mine.first;
         const int64_t first = std::min(block.first * unit_pixels, pixels);
         const int64_t end = std::min(block.end * unit_pixels, pixels);
-        lib::Owned<float> samples(std::max<int64_t>(end - first, 1));
+        lib::Owned<float> own(rows ? 0 : std::max<int64_t>(end - first, 1));
         for (int64_t k = 0; k < n && !failure.past(k); ++k) {
+            float* samples = rows ? rows[k] + first : own.get();
             const Path path = join_path(cfg.datafolder, cfg.ifg_names[k].c_str());
-            lib::Status read = read_raster(path.c_str(), first, end - first, samples.get());
+            lib::Status read = read_raster(path.c_str(), first, end - first, samples);
             if (!read.ok()) {
                 lib::Owned<float> whole(std::max<int64_t>(pixels, 1));
                 lib::Status again = read_raster(path.c_str(), 0, pixels, whole.get());
                 failure.record(k, again.ok() ? std::move(read).error() : std::move(again).error());
                 break;
             }
-            visit(static_cast<size_t>(k), block, first, static_cast<const float*>(samples.get()));
+            visit(static_cast<size_t>(k), block, first, static_cast<const float*>(samples));
         }
+    }
+    if (rows && !failure.error) {
+        keep->release();
+        keep->rows = rows;
+        keep->n_rows = n;
+        keep->first = 0;
+        keep->end = pixels;
+    } else if (rows) {
+        lib::free2d_float(rows, static_cast<int>(n));
     }
     return lib::agree(failure.index, failure.status());
 }
@@ -169,7 +184,7 @@ lib::Result<int64_t> choose_on_first_rank(T* accumulators, int64_t units, int64_
 
 }  // namespace
 
-lib::Result<int64_t> find_ref_point(CFG cfg, const HEADER& header)
+lib::Result<int64_t> find_ref_point(CFG cfg, const HEADER& header, HeldBatch* keep)
 {
     const int64_t pixels = pixel_count(header);
     const lib::Owned<lib::RunningMoments> moments(pixels);
@@ -188,7 +203,7 @@ lib::Result<int64_t> find_ref_point(CFG cfg, const HEADER& header)
             }
         }
     };
-    SBAS_TRY(for_each_slice(cfg, pixels, pixels, 1, update));
+    SBAS_TRY(for_each_slice(cfg, pixels, pixels, 1, update, keep));
 
     return choose_on_first_rank(moments.get(), pixels, 1, [&]() -> lib::Result<int64_t> {
         // A variance of exactly 0 (a constant pixel, or a single
@@ -209,7 +224,7 @@ lib::Result<int64_t> find_ref_point(CFG cfg, const HEADER& header)
     });
 }
 
-lib::Result<int64_t> find_ref_grid(CFG cfg, const HEADER& header)
+lib::Result<int64_t> find_ref_grid(CFG cfg, const HEADER& header, HeldBatch* keep)
 {
     const int64_t pixels = pixel_count(header);
     // A cell below one pixel makes no sense; one pixel is the closest meaning.
@@ -262,7 +277,7 @@ lib::Result<int64_t> find_ref_grid(CFG cfg, const HEADER& header)
             m.add(cell_sum[cell] / cell_n[cell], lib::PreviousMean::rounded_to_float);
         }
     };
-    SBAS_TRY(for_each_slice(cfg, pixels, down, side * (pixels > 0 ? header.WIDTH : 0), update));
+    SBAS_TRY(for_each_slice(cfg, pixels, down, side * (pixels > 0 ? header.WIDTH : 0), update, keep));
     return choose_on_first_rank(moments.get(), down, across, [&]() -> lib::Result<int64_t> {
     // Unlike the single-pixel search, a deviation of 0 qualifies here: the
     // cell's count, not its spread, decides whether it is a candidate.
@@ -315,7 +330,7 @@ lib::Error out_of_coverage()
 
 }  // namespace
 
-lib::Result<float*> sbas_step1(CFG* cfg, const HEADER& header)
+lib::Result<float*> sbas_step1(CFG* cfg, const HEADER& header, com::HeldBatch* keep)
 {
     if (cfg->ref_col < 0) return out_of_coverage();
 
@@ -330,7 +345,7 @@ lib::Result<float*> sbas_step1(CFG* cfg, const HEADER& header)
     switch (cfg->ref_method) {
     case 0: {
         std::fprintf(stderr, "\n*********Looking for an arbitrary reference point********\n");
-        SBAS_TAKE(const int64_t index, com::find_ref_point(*cfg, header));
+        SBAS_TAKE(const int64_t index, com::find_ref_point(*cfg, header, keep));
         SBAS_TAKE(float* values, com::get_ref_point_value(*cfg, header, index));
         set_reference_pixel(cfg, index, header);
         return values;
@@ -340,7 +355,7 @@ lib::Result<float*> sbas_step1(CFG* cfg, const HEADER& header)
         return com::get_ref_point_value_global_mean(*cfg, header);
     case 2: {
         std::fprintf(stderr, "\n***********Looking for a stable reference point**********\n");
-        SBAS_TAKE(const int64_t index, com::find_ref_grid(*cfg, header));
+        SBAS_TAKE(const int64_t index, com::find_ref_grid(*cfg, header, keep));
         SBAS_TAKE(float* values, com::get_ref_point_value(*cfg, header, index));
         set_reference_pixel(cfg, index, header);
         return values;
