@@ -4,10 +4,12 @@
 // so that their normal matrices are inverted side by side in vector lanes,
 // then every pixel of a pattern gets x = E y, its fitted values and sigma,
 // chunk by chunk with the pixels or the rows of E in the lanes
-// (numerics/lockstep.h). None of this changes a sum, so a pixel's outputs are
-// the bits solving it alone gives, whatever the batch, the thread count or
-// the other pixels of its pattern (Grouping.EveryPixelGetsTheBitsOfItsOwnSolution
-// compares the two).
+// (numerics/lockstep.h); a pattern of one pixel (scattered no-data) adds
+// each column of E into x as it is formed and never stores E, which on
+// large stacks no longer fits the caches. None of this changes a sum, so a
+// pixel's outputs are the bits solving it alone gives, whatever the batch,
+// the thread count or the other pixels of its pattern
+// (Grouping.EveryPixelGetsTheBitsOfItsOwnSolution compares the two).
 #include "inversion/solve.h"
 
 #include <algorithm>
@@ -148,6 +150,18 @@ void solve_one_by_one(const Network& net, const System& sys, float* const* stack
     }
 }
 
+// The observations of a chunk of pixels (Y[r * kChunk + c]): the samples of
+// the system's interferograms, 0 on its other rows up to n.
+void gather(const System& sys, float* const* stack, const int64_t* members, int64_t chunk, double* Y)
+{
+    for (int64_t r = 0; r < sys.observed; ++r) {
+        const float* row = stack[sys.ifgs[r]];
+        for (int64_t c = 0; c < chunk; ++c) Y[r * kChunk + c] = row[members[c]];
+    }
+    for (int64_t r = sys.observed; r < sys.n; ++r)
+        for (int64_t c = 0; c < chunk; ++c) Y[r * kChunk + c] = 0.0;
+}
+
 // Solves the pixels of one system: x = E y for each (y: the samples of the
 // system's interferograms, 0 on the other rows), then its outputs. With E
 // finite the rows past n, which observe 0, add nothing to x and are left
@@ -163,12 +177,7 @@ void solve_pixels(const Network& net, const System& sys, float* const* stack, co
     for (int64_t first = 0; first < count; first += kChunk) {
         const int64_t chunk = std::min(kChunk, count - first);
         const int64_t* members = pixels + first;
-        for (int64_t r = 0; r < sys.observed; ++r) {
-            const float* row = stack[sys.ifgs[r]];
-            for (int64_t c = 0; c < chunk; ++c) Y[r * kChunk + c] = row[members[c]];
-        }
-        for (int64_t r = sys.observed; r < sys.n; ++r)
-            for (int64_t c = 0; c < chunk; ++c) Y[r * kChunk + c] = 0.0;
+        gather(sys, stack, members, chunk, Y);
         lib::products(sys.E, net.ldE, net.M, sys.n, Y, kChunk, chunk, s.X.get(), kChunk);
         finish_chunk(net, sys, s.X.get(), Y, members, chunk, maps);
     }
@@ -204,6 +213,24 @@ void solve_patterns(const CFG& cfg, const Network& net, const std::vector<DATEOR
         const int64_t rows = g.n[q] + net.constraints;
         double* w = s.w.get() + lane * net.most_rows;
         const double* S = s.S.get() + lane * M * M;
+        const int64_t* ifgs = s.ifgs.get() + lane * net.N;
+        const int64_t* members = g.members.get() + g.start[q];
+        const int64_t pixels = g.start[q + 1] - g.start[q];
+        if (halves[lane] && pixels == 1) {
+            // A pattern of one pixel: x formed with the estimator's columns,
+            // which are not stored (the bits of E y all the same).
+            const System sys{nullptr, &s.designs[lane], nullptr, ifgs, observed[lane], g.n[q], rows, true};
+            double* x = s.E.get();
+            gather(sys, stack, members, 1, s.Y.get());
+            if (lib::diagonal_solution(s.designs[lane], w, rows, M, S, g.n[q], s.Y.get(), kChunk, x,
+                                       s.estimator.work)) {
+                double* X = s.X.get();
+                for (int64_t j = 0; j < M; ++j) X[j * kChunk] = x[j];
+                finish_chunk(net, sys, X, s.Y.get(), members, 1, maps);
+                clock.lap(s.profile.factorising);
+                continue;
+            }
+        }
         bool finite = halves[lane] && lib::diagonal_estimator(s.designs[lane], w, rows, M, S, s.E.get(), net.ldE,
                                                               s.estimator.work);
         if (!finite) {
@@ -226,9 +253,8 @@ void solve_patterns(const CFG& cfg, const Network& net, const std::vector<DATEOR
             finite = estimator_finite(net, s.E.get(), rows);
         }
         clock.lap(s.profile.factorising);
-        const int64_t* ifgs = s.ifgs.get() + lane * net.N;
         const System sys{s.E.get(), &s.designs[lane], s.A.get(), ifgs, observed[lane], g.n[q], rows, finite};
-        solve_pixels(net, sys, stack, g.members.get() + g.start[q], g.start[q + 1] - g.start[q], s, maps);
+        solve_pixels(net, sys, stack, members, pixels, s, maps);
         clock.lap(s.profile.products);
     }
 }

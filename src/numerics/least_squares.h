@@ -68,6 +68,16 @@ struct EstimatorWork {
 bool diagonal_estimator(const SparseDesign& design, const double* w, int64_t L, int64_t M, const double* S,
                         double* E, int64_t ldE, EstimatorWork& work);
 
+// diagonal_solution: x = E y for one right-hand side (entry l at y[l * ldy]),
+// E being the estimator diagonal_estimator forms, without storing it: each
+// column of E is added in as it is formed, so x[i] sums E[i, l] y[l] over
+// l < n from 0.0 in increasing l, the bits lib::products gives on the stored
+// E. x needs room for M rounded up to a multiple of 8 (the rows past M
+// are scratch). Returns false, x unusable, exactly where diagonal_estimator
+// returns false, all L columns of E being checked.
+bool diagonal_solution(const SparseDesign& design, const double* w, int64_t L, int64_t M, const double* S,
+                       int64_t n, const double* y, int64_t ldy, double* x, EstimatorWork& work);
+
 // The same estimator formed by the dense chain itself, W being held as its
 // diagonal: every product with W runs over all L terms, zeros included, so
 // the result is that of weighted_linear_function_nonewmatrix also where
