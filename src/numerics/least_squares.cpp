@@ -240,24 +240,90 @@ SBAS_BY_WIDTH(bool, estimator_by_width, estimator_lanes,
                int64_t ldS, double* E, int64_t ldE),
               (design, w, order, L, S, ldS, E, ldE))
 
-// diagonal_solution's work with W lanes: the columns of E in increasing l,
-// each added into x as it is formed; the columns past n are only checked.
+// How many leading entries row l shares with row l - 1: all of row l - 1's
+// when they begin row l (same columns, same values), else none. Row l's sums
+// of S A^T may then go on from row l - 1's, which took exactly those terms in
+// the same order from 0.0: with spans of dates, every interferogram that
+// starts where the one before it started.
+inline int64_t shared_prefix(const int64_t* start, const int64_t* columns, const double* values, int64_t l)
+{
+    if (l == 0) return 0;
+    const int64_t before = start[l] - start[l - 1];
+    if (before == 0 || start[l + 1] - start[l] < before || columns[start[l]] != columns[start[l - 1]]) return 0;
+    for (int64_t k = 1; k < before; ++k)
+        if (columns[start[l - 1] + k] != columns[start[l] + k]) return 0;
+    for (int64_t k = 0; k < before; ++k)
+        if (values[start[l - 1] + k] != values[start[l] + k]) return 0;
+    return before;
+}
+
+// Rows i0 .. i0 + R*W - 1 of x = E y over the columns l < n of E, the sums
+// of x and of column l of S A^T held in registers from column to column.
+// Each element of x takes t w[l] y[l] in increasing l from 0.0, t being
+// column l's sum as column_rows forms it, resumed after the entries shared
+// with column l - 1 (skip[l]). canon() is left out: x starts at +0.0 and so
+// is never -0.0, and adding +0.0 or -0.0 to it changes nothing.
+template <int W, int R>
+[[gnu::always_inline]] inline void solution_rows(const SparseDesign& design, const double* w, int64_t n,
+                                                 const int64_t* skip, const double* S, int64_t ldS, int64_t i0,
+                                                 const double* y, int64_t ldy, double* x)
+{
+    using V = typename Vectors<W>::V;
+    using U = typename Vectors<W>::U;
+    const int64_t* start = design.row_start.data();
+    const int64_t* columns = design.columns.data();
+    const double* values = design.values.data();
+    V t[R] = {}, acc[R] = {};
+    for (int64_t l = 0; l < n; ++l) {
+        if (skip[l] == 0)
+            for (int v = 0; v < R; ++v) t[v] = V{};
+        for (int64_t p = start[l] + skip[l]; p < start[l + 1]; ++p) {
+            const double a = values[p];
+            const double* s = S + columns[p] * ldS + i0;
+            for (int v = 0; v < R; ++v) t[v] += *reinterpret_cast<const U*>(s + v * W) * a;
+        }
+        const double wl = w[l], yl = y[l * ldy];
+        for (int v = 0; v < R; ++v) acc[v] = acc[v] + t[v] * wl * yl;
+    }
+    for (int v = 0; v < R; ++v) *reinterpret_cast<U*>(x + i0 + v * W) = acc[v];
+}
+
+// diagonal_solution's work with W lanes: x from the columns of E in
+// increasing l, in blocks of up to eight vectors of rows; then the columns
+// past n, only checked. A column of E that is not finite leaves x not
+// finite (times y[l], even 0.0, it is an infinity or a NaN, and neither
+// leaves a sum), so x's own check covers the columns before n.
 template <int W>
 [[gnu::always_inline]] inline bool solution_lanes(const SparseDesign& design, const double* w, int64_t L, int64_t n,
                                                   const double* S, int64_t ldS, const double* y, int64_t ldy,
-                                                  double* x)
+                                                  double* x, int64_t* skip)
 {
+    const int64_t* start = design.row_start.data();
+    for (int64_t l = 0; l < n; ++l) skip[l] = shared_prefix(start, design.columns.data(), design.values.data(), l);
+    for (int64_t i0 = 0; i0 < ldS; i0 += 8 * W) {
+        switch (std::min<int64_t>(8, (ldS - i0) / W)) {
+#define SBAS_SOLUTION_ROWS(R) solution_rows<W, R>(design, w, n, skip, S, ldS, i0, y, ldy, x)
+            case 8: SBAS_SOLUTION_ROWS(8); break;
+            case 7: SBAS_SOLUTION_ROWS(7); break;
+            case 6: SBAS_SOLUTION_ROWS(6); break;
+            case 5: SBAS_SOLUTION_ROWS(5); break;
+            case 4: SBAS_SOLUTION_ROWS(4); break;
+            case 3: SBAS_SOLUTION_ROWS(3); break;
+            case 2: SBAS_SOLUTION_ROWS(2); break;
+            default: SBAS_SOLUTION_ROWS(1); break;
+#undef SBAS_SOLUTION_ROWS
+        }
+    }
     typename Vectors<W>::B nonfinite = {};
-    for (int64_t i = 0; i < ldS; ++i) x[i] = 0.0;
-    for (int64_t l = 0; l < n; ++l) column<W, Column::add>(design, l, S, ldS, w[l], y[l * ldy], x, nonfinite);
+    for (int64_t i = 0; i < ldS; i += W) flag_nonfinite<W>(nonfinite, *reinterpret_cast<const typename Vectors<W>::U*>(x + i));
     for (int64_t l = n; l < L; ++l) column<W, Column::check>(design, l, S, ldS, w[l], 0.0, x, nonfinite);
     return none_flagged<W>(nonfinite);
 }
 
 SBAS_BY_WIDTH(bool, solution_by_width, solution_lanes,
               (const SparseDesign& design, const double* w, int64_t L, int64_t n, const double* S, int64_t ldS,
-               const double* y, int64_t ldy, double* x),
-              (design, w, L, n, S, ldS, y, ldy, x))
+               const double* y, int64_t ldy, double* x, int64_t* skip),
+              (design, w, L, n, S, ldS, y, ldy, x, skip))
 
 // The checks both diagonal_estimator and diagonal_solution make before they
 // skip zeros, and S copied with its columns padded to a multiple of 8 rows by
@@ -310,7 +376,9 @@ bool diagonal_solution(const SparseDesign& design, const double* w, int64_t L, i
                        int64_t n, const double* y, int64_t ldy, double* x, EstimatorWork& work)
 {
     if (!padded_inverse(design, w, L, M, S, work)) return false;
-    return solution_by_width(design, w, L, std::min(n, L), work.padded.data(), (M + 7) / 8 * 8, y, ldy, x);
+    work.skip.resize(static_cast<size_t>(L));
+    return solution_by_width(design, w, L, std::min(n, L), work.padded.data(), (M + 7) / 8 * 8, y, ldy, x,
+                             work.skip.data());
 }
 
 void dense_diagonal_estimator(const double* A, const double* w, int64_t L, int64_t M, double* S, double* T,
