@@ -315,7 +315,8 @@ template <int W>
         }
     }
     typename Vectors<W>::B nonfinite = {};
-    for (int64_t i = 0; i < ldS; i += W) flag_nonfinite<W>(nonfinite, *reinterpret_cast<const typename Vectors<W>::U*>(x + i));
+    using U = typename Vectors<W>::U;
+    for (int64_t i = 0; i < ldS; i += W) flag_nonfinite<W>(nonfinite, *reinterpret_cast<const U*>(x + i));
     for (int64_t l = n; l < L; ++l) column<W, Column::check>(design, l, S, ldS, w[l], 0.0, x, nonfinite);
     return none_flagged<W>(nonfinite);
 }

@@ -103,6 +103,16 @@ SBAS_LANES_INLINE bool any_nonzero(typename Vectors<W>::V v)
     return any != 0;
 }
 
+// Whether every lane of v is above zero (a NaN is not).
+template <int W>
+SBAS_LANES_INLINE bool all_positive(typename Vectors<W>::V v)
+{
+    const typename Vectors<W>::I positive = v > 0.0;
+    int64_t all = -1;
+    for (int k = 0; k < W; ++k) all &= positive[k];
+    return all != 0;
+}
+
 // The smallest lane of v.
 template <int W>
 SBAS_LANES_INLINE int lowest(typename Vectors<W>::I v)
@@ -225,7 +235,11 @@ SBAS_LANES_INLINE void factor_sparse(typename Vectors<W>::V* lu, typename Vector
         V* col = lu + j * n;
         int64_t top = 0;
         while (top < n && !any_nonzero<W>(col[top])) ++top;
-        for (int64_t i = top; i < n; ++i) {
+        // Rows from `bottom` on start past column j: zero there in every
+        // lane, before and after the elimination.
+        int64_t bottom = n;
+        while (bottom > 0 && row_first[bottom - 1] > j) --bottom;
+        for (int64_t i = top; i < bottom; ++i) {
             const int64_t lo = std::max<int64_t>(row_first[i], top);
             const int64_t hi = std::min(i, j);
             if (lo < hi) {
@@ -238,14 +252,21 @@ SBAS_LANES_INLINE void factor_sparse(typename Vectors<W>::V* lu, typename Vector
         }
         // The pivot, as pivot_column, the row swap carrying the rows' first
         // columns along.
+        // A zero below `bottom` is taken only while nothing larger has been
+        // seen; the rows past it are searched only for a lane that has not.
         V big = {};
         I pivot = I{} + j;
-        for (int64_t i = j; i < n; ++i) {
-            const V d = scale[i] * (V)((I)col[i] & INT64_MAX);
-            const I take = d >= big;
-            big = take ? d : big;
-            pivot = take ? I{} + i : pivot;
-        }
+        const auto search = [&](int64_t from, int64_t to) {
+            for (int64_t i = from; i < to; ++i) {
+                const V d = scale[i] * (V)((I)col[i] & INT64_MAX);
+                const I take = d >= big;
+                big = take ? d : big;
+                pivot = take ? I{} + i : pivot;
+            }
+        };
+        const int64_t below = std::max(j, bottom);
+        search(j, below);
+        if (!all_positive<W>(big)) search(below, n);
         bool swapped = false;
         for (int k = 0; k < W; ++k) {
             const int64_t r = pivot[k];
@@ -268,18 +289,23 @@ SBAS_LANES_INLINE void factor_sparse(typename Vectors<W>::V* lu, typename Vector
         }
         bad |= col[j] == 0.0;
         if (j != n - 1) {
+            // The zeros past `bottom` are left as they are (those factors
+            // are never read); their products with r are non-finite exactly
+            // where r is, and flagged so.
             const V r = 1.0 / col[j];
-            for (int64_t i = j + 1; i < n; ++i) {
+            const int64_t end = std::max(j + 1, bottom);
+            for (int64_t i = j + 1; i < end; ++i) {
                 col[i] *= r;
                 flag_nonfinite<W>(found, col[i]);
             }
+            if (end < n) flag_nonfinite<W>(found, r);
         }
     }
     for (int k = 0; k < W; ++k) singular[k] = bad[k] != 0;
 }
 
-// The columns c0 .. c0 + columns - 1 of the block of B that invert() and
-// invert_sparse() solve, set to the permuted unit vectors of each lane, in
+// The columns c0 .. c0 + columns - 1 of the block of B that invert()
+// solves, set to the permuted unit vectors of each lane, in
 // xs; a missing column of the last block repeats the block's first, which
 // then only computes the same values again. Returns the first row where any
 // of them is not zero.
@@ -354,21 +380,39 @@ SBAS_LANES_INLINE void invert(const typename Vectors<W>::V* ut, const int* posit
 // only the entries of the upper factor's row i in ulist. As in
 // factor_sparse, every term left out is a zero product that changes no sum,
 // provided the factors and the solution are finite; `found` flags (top bit)
-// the lanes whose solution is not.
+// the lanes whose solution is not. The unit vectors are not written out:
+// each element starts from its entry, 1.0 where the lane's one lands and
+// +0.0 elsewhere, formed where it is first read.
 template <int W>
 SBAS_LANES_INLINE void invert_sparse(const typename Vectors<W>::V* lu, const int* position, const int* row_first,
                                      const int* ucount, const int* ulist, int64_t n, typename Vectors<W>::V* x,
                                      typename Vectors<W>::B& found)
 {
     using V = typename Vectors<W>::V;
+    using I = typename Vectors<W>::I;
+    using Bits = typename Vectors<W>::B;
     constexpr int B = 4;
+    const Bits one = (Bits)(V{} + 1.0);
     for (int64_t c0 = 0; c0 < n; c0 += B) {
         const int64_t columns = std::min<int64_t>(B, n - c0);
+        // A missing column of the last block repeats the block's first,
+        // which then only computes the same values again.
         V* xs[B];
-        const int64_t lo = unit_columns<W, B>(x, position, c0, columns, n, xs);
+        I at[B];
+        int64_t lo = n;
+        for (int s = 0; s < B; ++s) {
+            const int64_t c = c0 + (s < columns ? s : 0);
+            xs[s] = x + c * n;
+            for (int k = 0; k < W; ++k) {
+                at[s][k] = position[c * W + k];
+                lo = std::min<int64_t>(lo, at[s][k]);
+            }
+        }
+#define SBAS_UNIT(s, i) ((V)((Bits)(at[s] == (i)) & one))
+        for (int s = 0; s < B; ++s) xs[s][lo] = SBAS_UNIT(s, lo);
         for (int64_t i = lo + 1; i < n; ++i) {
             V acc[B];
-            for (int s = 0; s < B; ++s) acc[s] = xs[s][i];
+            for (int s = 0; s < B; ++s) acc[s] = SBAS_UNIT(s, i);
             for (int64_t j = std::max<int64_t>(row_first[i], lo); j < i; ++j) {
                 const V l = lu[j * n + i];
                 for (int s = 0; s < B; ++s) acc[s] -= l * xs[s][j];
@@ -377,7 +421,7 @@ SBAS_LANES_INLINE void invert_sparse(const typename Vectors<W>::V* lu, const int
         }
         for (int64_t i = n - 1; i >= 0; --i) {
             V acc[B];
-            for (int s = 0; s < B; ++s) acc[s] = xs[s][i];
+            for (int s = 0; s < B; ++s) acc[s] = i >= lo ? xs[s][i] : SBAS_UNIT(s, i);
             const int* list = ulist + i * n;
             for (int t = 0; t < ucount[i]; ++t) {
                 const int64_t j = list[t];
@@ -390,6 +434,7 @@ SBAS_LANES_INLINE void invert_sparse(const typename Vectors<W>::V* lu, const int
                 flag_nonfinite<W>(found, xs[s][i]);
             }
         }
+#undef SBAS_UNIT
     }
 }
 
