@@ -116,6 +116,73 @@ void finish_chunk(const Network& net, const System& sys, const double* X, const 
         for (int64_t c = 0; c < chunk; ++c) maps.dem[pixels[c]] = static_cast<float>(X[(M - 1) * kChunk + c]);
 }
 
+// The outputs of one pixel from its solution x (entry j at x[j * ldx]) and
+// its sum of squared residuals over n rows, as finish_chunk stores them.
+void store_pixel(const Network& net, const double* x, int64_t ldx, float sum, int64_t n, int64_t pixel, Maps& maps)
+{
+    maps.sigma[pixel] = std::sqrt(sum / static_cast<float>(n));
+    float cumulative = static_cast<float>(x[0]);
+    maps.cumulative[0][pixel] = cumulative;
+    for (int64_t j = 1; j < net.D - 1; ++j) {
+        cumulative = cumulative + x[j * ldx];
+        maps.cumulative[j][pixel] = cumulative;
+    }
+    if (net.dem_error) maps.dem[pixel] = static_cast<float>(x[(net.M - 1) * ldx]);
+}
+
+// Patterns of one pixel (scattered no-data), kLanes at a time side by side
+// over the template's rows, a row a pixel lacks weighing 0.0 there
+// (lib::solve_side_by_side): the bits each pixel gets solved alone, without
+// forming its system. Returns false, nothing stored, where the group must
+// go the way of the other patterns: a count that disagrees with the valid
+// interferograms, or what the lanes cannot vouch for.
+bool solve_single_pixels(const Network& net, const RowTemplate& rows_all, float* const* stack,
+                         const sbas::PixelGroups& g, int64_t first, int count, Scratch& s, Maps& maps)
+{
+    const int64_t N = net.N, M = net.M;
+    double* w = s.lane_w.get();
+    double* y = s.lane_y.get();
+    int64_t observed[kLanes];
+    for (int lane = 0; lane < kLanes; ++lane) {
+        // Lanes past count repeat the first pixel.
+        const int k = lane < count ? lane : 0;
+        const int64_t q = first + k;
+        int64_t* ifgs = s.ifgs.get() + k * N;
+        if (lane < count) {
+            observed[lane] = g.interferograms(q, N, ifgs);
+            if (observed[lane] != g.n[q]) return false;
+        }
+        for (int64_t l = 0; l < N; ++l) w[l * kLanes + lane] = y[l * kLanes + lane] = 0.0;
+        const int64_t pixel = g.members[g.start[q]];
+        for (int64_t r = 0; r < observed[k]; ++r) {
+            const int64_t l = ifgs[r];
+            w[l * kLanes + lane] = rows_all.w[l];
+            y[l * kLanes + lane] = stack[l][pixel];
+        }
+        for (int64_t l = N; l < net.L; ++l) w[l * kLanes + lane] = rows_all.w[l];
+    }
+    double* x = s.lane_x.get();
+    if (!lib::solve_side_by_side(rows_all.design, rows_all.skip.get(), net.L, N, M, w, y, count, x, s.lockstep))
+        return false;
+    // The residuals as residual_sum takes them, over the pixel's rows.
+    const lib::SparseDesign& design = rows_all.design;
+    for (int lane = 0; lane < count; ++lane) {
+        const int64_t* ifgs = s.ifgs.get() + lane * N;
+        float sum = 0.0f;
+        for (int64_t r = 0; r < observed[lane]; ++r) {
+            const int64_t l = ifgs[r];
+            double fitted = 0.0;
+            for (int64_t p = design.row_start[l]; p < design.row_start[l + 1]; ++p)
+                fitted += design.values[p] * x[design.columns[p] * kLanes + lane];
+            const double residual = y[l * kLanes + lane] - fitted;
+            sum += residual * residual;
+        }
+        const int64_t q = first + lane;
+        store_pixel(net, x + lane, kLanes, sum, g.n[q], g.members[g.start[q]], maps);
+    }
+    return true;
+}
+
 // Solves the pixels of a system whose estimator holds an infinity or a NaN
 // one at a time, as the dense routines solve a pixel: x = E y and the fitted
 // values A x by lib::matmul itself. A sum that meets two different NaNs
@@ -192,6 +259,12 @@ void solve_patterns(const CFG& cfg, const Network& net, const std::vector<DATEOR
                     Clock& clock)
 {
     const int64_t M = net.M;
+    bool singles = true;
+    for (int lane = 0; lane < count_patterns; ++lane) singles &= g.start[first + lane + 1] - g.start[first + lane] == 1;
+    if (singles && solve_single_pixels(net, rows_all, stack, g, first, count_patterns, s, maps)) {
+        clock.lap(s.profile.factorising);
+        return;
+    }
     bool halves[kLanes] = {};
     double* normal[kLanes];
     int64_t observed[kLanes];

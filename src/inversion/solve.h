@@ -48,6 +48,9 @@ struct Scratch {
     lib::Owned<double> S;  // the normal matrices of a lockstep group (kLanes x M x M)
     lib::Owned<double> w;  // their weights (kLanes x most_rows)
     lib::Owned<int64_t> ifgs;  // their interferograms (kLanes x N)
+    // One-pixel patterns side by side: weights and observations of every
+    // row of the template (row l of lane k at [l * kLanes + k]), solutions.
+    lib::Owned<double> lane_w, lane_y, lane_x;
     lib::SparseDesign designs[kLanes];
     lib::LockstepScratch lockstep;
     lib::EstimatorScratch estimator;
@@ -59,7 +62,8 @@ struct Scratch {
 
     explicit Scratch(const Network& net)
         : y(net.most_rows), E(net.ldE * net.most_rows), Y(kChunk * net.most_rows), X(kChunk * net.M),
-          S(kLanes * net.M * net.M), w(kLanes * net.most_rows), ifgs(kLanes * net.N)
+          S(kLanes * net.M * net.M), w(kLanes * net.most_rows), ifgs(kLanes * net.N), lane_w(kLanes * net.L),
+          lane_y(kLanes * net.N), lane_x(kLanes * net.M)
     {
     }
 

@@ -83,6 +83,8 @@ RowTemplate row_template(const CFG& cfg, const Network& net, const std::vector<D
     com::readoneunwseries3(cfg, stack.get(), count, net.M, dates, baselines, 0, net.K, y.get(), A.get(), t.w.get(),
                            rows);
     lib::index_design(A.get(), rows, net.M, t.design);
+    t.skip = lib::Owned<int64_t>(rows);
+    for (int64_t l = 0; l < rows; ++l) t.skip[l] = lib::shared_prefix(t.design, l);
     return t;
 }
 

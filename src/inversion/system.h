@@ -79,6 +79,7 @@ FullNetwork full_network(const CFG& cfg, const Network& net, const std::vector<D
 struct RowTemplate {
     lib::SparseDesign design;
     lib::Owned<double> w;
+    lib::Owned<int64_t> skip;  // lib::shared_prefix of each row
 };
 
 RowTemplate row_template(const CFG& cfg, const Network& net, const std::vector<DATEORDER>& dates,

@@ -130,6 +130,24 @@ void index_design(const double* A, int64_t L, int64_t M, SparseDesign& design)
         }
 }
 
+int64_t shared_prefix(const SparseDesign& design, int64_t l)
+{
+    // Row l's sums of S A^T may go on from row l - 1's, which took exactly
+    // those terms in the same order from 0.0.
+    if (l == 0) return 0;
+    const int64_t* start = design.row_start.data();
+    const int64_t* columns = design.columns.data();
+    const double* values = design.values.data();
+    const int64_t before = start[l] - start[l - 1];
+    if (before == 0 || start[l + 1] - start[l] < before || columns[start[l]] != columns[start[l - 1]]) return 0;
+    for (int64_t k = 1; k < before; ++k)
+        if (columns[start[l - 1] + k] != columns[start[l] + k]) return 0;
+    for (int64_t k = 0; k < before; ++k)
+        if (values[start[l - 1] + k] != values[start[l] + k]) return 0;
+    return before;
+}
+
+
 bool diagonal_normal_matrix(const SparseDesign& design, const double* w, int64_t L, int64_t M, double* S)
 {
     if (L < 1 || M < 1) return false;
@@ -240,23 +258,6 @@ SBAS_BY_WIDTH(bool, estimator_by_width, estimator_lanes,
                int64_t ldS, double* E, int64_t ldE),
               (design, w, order, L, S, ldS, E, ldE))
 
-// How many leading entries row l shares with row l - 1: all of row l - 1's
-// when they begin row l (same columns, same values), else none. Row l's sums
-// of S A^T may then go on from row l - 1's, which took exactly those terms in
-// the same order from 0.0: with spans of dates, every interferogram that
-// starts where the one before it started.
-inline int64_t shared_prefix(const int64_t* start, const int64_t* columns, const double* values, int64_t l)
-{
-    if (l == 0) return 0;
-    const int64_t before = start[l] - start[l - 1];
-    if (before == 0 || start[l + 1] - start[l] < before || columns[start[l]] != columns[start[l - 1]]) return 0;
-    for (int64_t k = 1; k < before; ++k)
-        if (columns[start[l - 1] + k] != columns[start[l] + k]) return 0;
-    for (int64_t k = 0; k < before; ++k)
-        if (values[start[l - 1] + k] != values[start[l] + k]) return 0;
-    return before;
-}
-
 // Rows i0 .. i0 + R*W - 1 of x = E y over the columns l < n of E, the sums
 // of x and of column l of S A^T held in registers from column to column.
 // Each element of x takes t w[l] y[l] in increasing l from 0.0, t being
@@ -298,8 +299,7 @@ template <int W>
                                                   const double* S, int64_t ldS, const double* y, int64_t ldy,
                                                   double* x, int64_t* skip)
 {
-    const int64_t* start = design.row_start.data();
-    for (int64_t l = 0; l < n; ++l) skip[l] = shared_prefix(start, design.columns.data(), design.values.data(), l);
+    for (int64_t l = 0; l < n; ++l) skip[l] = shared_prefix(design, l);
     for (int64_t i0 = 0; i0 < ldS; i0 += 8 * W) {
         switch (std::min<int64_t>(8, (ldS - i0) / W)) {
 #define SBAS_SOLUTION_ROWS(R) solution_rows<W, R>(design, w, n, skip, S, ldS, i0, y, ldy, x)

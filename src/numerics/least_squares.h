@@ -42,6 +42,12 @@ struct SparseDesign {
 // Indexes the nonzero entries of A (L x M) into `design`.
 void index_design(const double* A, int64_t L, int64_t M, SparseDesign& design);
 
+// How many leading entries row l of `design` shares with row l - 1: all of
+// row l - 1's when they begin row l (same columns, same values), else none
+// (and none for row 0). With spans of dates: every interferogram that starts
+// where the one before it started.
+int64_t shared_prefix(const SparseDesign& design, int64_t l);
+
 // The two halves of weighted least squares with diagonal weights W = diag(w)
 // (w of L entries) around the inversion of the normal matrix, for the design
 // matrix A that `design` indexes. Each gives the bits that

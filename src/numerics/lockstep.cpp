@@ -38,7 +38,9 @@
 #include <utility>
 
 #include "numerics/lanes.h"
+#include "numerics/least_squares.h"
 #include "numerics/linalg.h"
+#include "numerics/validity.h"
 
 namespace lib {
 namespace {
@@ -490,22 +492,26 @@ SBAS_LANES_INLINE void set_positions(const int* pivots, int* position, int* labe
     }
 }
 
-// Inverts the W matrices from[k] (n x n) in lanes into `to`: lane k's
-// inverse goes to to[k] when keep[k] ends set. redo[k] is set where the
-// lanes cannot vouch for the bits of matinv_acc, which must then invert
-// the matrix itself: factors that are not all finite, and with sparse
-// matrices also a -0.0 or a non-finite entry in the matrix, a zero pivot or
-// an inverse that is not all finite. Sparse matrices (rows that start, on
-// the whole, far right of the first column: banded, or banded but for a
-// few rows) take factor_sparse and invert_sparse, the others the dense
-// kernels.
+// Inverts the W matrices interleaved in `storage` (element (i, j) of lane k
+// at lu[j * n + i][k], lu at the start of storage) and returns where their
+// inverses lie, in the same layout (column c of lane k's inverse from
+// solution + c * n). keep[k] is cleared where lane k's result is not its
+// inverse: a singular matrix (`singular` set, the scalar routine leaves it
+// as it was) or one where the lanes cannot vouch for the bits of
+// matinv_acc, which must then invert the matrix itself (redo[k] set):
+// factors that are not all finite, and with sparse matrices also a -0.0 or
+// a non-finite entry in the matrix, a zero pivot or an inverse that is not
+// all finite (so a kept lane's sparse inverse is all finite). Sparse
+// matrices (rows that start, on the whole, far right of the first column:
+// banded, or banded but for a few rows) take factor_sparse and
+// invert_sparse, the others the dense kernels; `sparse` tells which.
 template <int W>
-SBAS_LANES_INLINE void invert_lanes(const double* const* from, double* const* to, int64_t n, double* storage,
-                                    int* pivots, int* structure, bool* keep, bool* redo)
+SBAS_LANES_INLINE typename Vectors<W>::V* invert_interleaved(int64_t n, double* storage, int* pivots,
+                                                             int* structure, bool* keep, bool* redo,
+                                                             bool* singular, bool& sparse)
 {
     using V = typename Vectors<W>::V;
     using I = typename Vectors<W>::I;
-    using U = typename Vectors<W>::U;
     using Bits = typename Vectors<W>::B;
     const int64_t cells = n * n;
     V* lu = reinterpret_cast<V*>(storage);
@@ -517,18 +523,6 @@ SBAS_LANES_INLINE void invert_lanes(const double* const* from, double* const* to
     int* row_first = structure;
     int* ucount = row_first + n;
     int* ulist = ucount + n;
-
-    // Interleaving: W consecutive elements of the W matrices are a W x W
-    // block, transposed.
-    int64_t q = 0;
-    for (; q + W <= cells; q += W) {
-        V r[W];
-        for (int k = 0; k < W; ++k) r[k] = *reinterpret_cast<const U*>(from[k] + q);
-        transpose<W>(r);
-        for (int t = 0; t < W; ++t) lu[q + t] = r[t];
-    }
-    for (; q < cells; ++q)
-        for (int k = 0; k < W; ++k) lu[q][k] = from[k][q];
 
     // Where each row starts, lane by lane, and what the matrices hold.
     // Also the rows' largest magnitudes, as factor() finds them (a NaN
@@ -552,35 +546,60 @@ SBAS_LANES_INLINE void invert_lanes(const double* const* from, double* const* to
         row_first[i] = lowest<W>(first[i]);
         envelope += std::max<int64_t>(i - row_first[i], 0);
     }
-    const bool sparse = 4 * envelope <= cells;
+    sparse = 4 * envelope <= cells;
 
-    bool singular[W];
-    V* solution = lu;
     if (sparse) {
         Bits found = {};
         factor_sparse<W>(lu, scale, first, row_first, pivots, ucount, ulist, n, singular, found);
         set_positions<W>(pivots, position, label, n);
         // The solution goes where the transposed factors go on the dense way.
-        solution = ut;
-        invert_sparse<W>(lu, position, row_first, ucount, ulist, n, solution, found);
+        invert_sparse<W>(lu, position, row_first, ucount, ulist, n, ut, found);
         for (int k = 0; k < W; ++k) {
             redo[k] = singular[k] || ((found[k] | odd[k]) >> 63) != 0;
             keep[k] = keep[k] && !redo[k];
         }
-    } else {
-        factor<W>(lu, scale, pivots, n, singular);
-        Bits found = {};
-        for (int64_t c = 0; c < cells; ++c) flag_nonfinite<W>(found, lu[c]);
-        for (int k = 0; k < W; ++k) {
-            redo[k] = !singular[k] && (found[k] >> 63) != 0;
-            keep[k] = keep[k] && !singular[k] && !redo[k];
-        }
-        for (int64_t j = 0; j < n; ++j)
-            for (int64_t i = 0; i < n; ++i) ut[i * n + j] = lu[j * n + i];
-        set_positions<W>(pivots, position, label, n);
-        // The solution takes the place of the factors.
-        invert<W>(ut, position, n, lu);
+        return ut;
     }
+    factor<W>(lu, scale, pivots, n, singular);
+    Bits found = {};
+    for (int64_t c = 0; c < cells; ++c) flag_nonfinite<W>(found, lu[c]);
+    for (int k = 0; k < W; ++k) {
+        redo[k] = !singular[k] && (found[k] >> 63) != 0;
+        keep[k] = keep[k] && !singular[k] && !redo[k];
+    }
+    for (int64_t j = 0; j < n; ++j)
+        for (int64_t i = 0; i < n; ++i) ut[i * n + j] = lu[j * n + i];
+    set_positions<W>(pivots, position, label, n);
+    // The solution takes the place of the factors.
+    invert<W>(ut, position, n, lu);
+    return lu;
+}
+
+// invert_interleaved for the W matrices from[k] (n x n): lane k's inverse
+// goes to to[k] when keep[k] ends set; redo as there.
+template <int W>
+SBAS_LANES_INLINE void invert_lanes(const double* const* from, double* const* to, int64_t n, double* storage,
+                                    int* pivots, int* structure, bool* keep, bool* redo)
+{
+    using V = typename Vectors<W>::V;
+    using U = typename Vectors<W>::U;
+    const int64_t cells = n * n;
+    V* lu = reinterpret_cast<V*>(storage);
+
+    // Interleaving: W consecutive elements of the W matrices are a W x W
+    // block, transposed.
+    int64_t q = 0;
+    for (; q + W <= cells; q += W) {
+        V r[W];
+        for (int k = 0; k < W; ++k) r[k] = *reinterpret_cast<const U*>(from[k] + q);
+        transpose<W>(r);
+        for (int t = 0; t < W; ++t) lu[q + t] = r[t];
+    }
+    for (; q < cells; ++q)
+        for (int k = 0; k < W; ++k) lu[q][k] = from[k][q];
+
+    bool singular[W], sparse;
+    const V* solution = invert_interleaved<W>(n, storage, pivots, structure, keep, redo, singular, sparse);
 
     q = 0;
     for (; q + W <= cells; q += W) {
@@ -643,6 +662,125 @@ SBAS_LANES_INLINE void matinv_group(double* const* a, int count, int64_t n, Lock
 
 SBAS_BY_WIDTH(void, matinv_by_width, matinv_group,
               (double* const* a, int count, int64_t n, LockstepScratch& scratch), (a, count, n, scratch))
+
+// The normal matrices A^T W_k A of W one-pixel systems into lu
+// (interleaved), each element as diagonal_normal_matrix forms it: the terms
+// T[a, l] A[l, b] of the rows l in increasing order, T[a, l] = canon(A[l,
+// a] w[l]). A row a system lacks has weight 0.0 there, and its terms,
+// +0.0 or -0.0, change no sum (none is -0.0). w holds row l's weights from
+// w[l * kLockstepLanes]. False where a T is not finite.
+template <int W>
+SBAS_LANES_INLINE bool normal_lanes(const SparseDesign& design, const double* w, int64_t L, int64_t M,
+                                    typename Vectors<W>::V* lu)
+{
+    using V = typename Vectors<W>::V;
+    using U = typename Vectors<W>::U;
+    const int64_t* start = design.row_start.data();
+    const int64_t* columns = design.columns.data();
+    const double* values = design.values.data();
+    for (int64_t q = 0; q < M * M; ++q) lu[q] = V{};
+    typename Vectors<W>::B nonfinite = {};
+    for (int64_t l = 0; l < L; ++l) {
+        const V wl = *reinterpret_cast<const U*>(w + l * kLockstepLanes);
+        for (int64_t p = start[l]; p < start[l + 1]; ++p) {
+            const V t = values[p] * wl + 0.0;
+            flag_nonfinite<W>(nonfinite, t);
+            V* row = lu + columns[p];
+            for (int64_t r = start[l]; r < start[l + 1]; ++r) row[columns[r] * M] += t * values[r];
+        }
+    }
+    for (int k = 0; k < W; ++k)
+        if (nonfinite[k] >> 63) return false;
+    return true;
+}
+
+// Elements i0 .. i0 + R - 1 of the solutions x of W one-pixel systems from
+// their inverses S (interleaved, column j from S + j * M), as
+// diagonal_solution forms each: x[i] sums t w[l] y[l] over the rows l < n
+// in increasing order from 0.0, t being the sum of S[i, j] A[l, j] over the
+// row's entries, resumed after the skip[l] entries shared with the row
+// before. A row a system lacks weighs 0.0 and adds +0.0 or -0.0 (t is finite
+// when S is), which changes nothing. The rows from n on are only checked:
+// `nonfinite` flags the lanes where t w[l] is not finite.
+template <int W, int R>
+SBAS_LANES_INLINE void solution_lanes(const SparseDesign& design, const int64_t* skip, int64_t L, int64_t n,
+                                      const double* w, const double* y, const typename Vectors<W>::V* S, int64_t M,
+                                      int64_t i0, typename Vectors<W>::V* x, typename Vectors<W>::B& nonfinite)
+{
+    using V = typename Vectors<W>::V;
+    using U = typename Vectors<W>::U;
+    const int64_t* start = design.row_start.data();
+    const int64_t* columns = design.columns.data();
+    const double* values = design.values.data();
+    V t[R] = {}, acc[R] = {};
+    for (int64_t l = 0; l < L; ++l) {
+        if (skip[l] == 0)
+            for (int v = 0; v < R; ++v) t[v] = V{};
+        for (int64_t p = start[l] + skip[l]; p < start[l + 1]; ++p) {
+            const double a = values[p];
+            const V* column = S + columns[p] * M + i0;
+            for (int v = 0; v < R; ++v) t[v] += column[v] * a;
+        }
+        const V wl = *reinterpret_cast<const U*>(w + l * kLockstepLanes);
+        if (l < n) {
+            const V yl = *reinterpret_cast<const U*>(y + l * kLockstepLanes);
+            for (int v = 0; v < R; ++v) acc[v] = acc[v] + t[v] * wl * yl;
+        } else {
+            for (int v = 0; v < R; ++v) flag_nonfinite<W>(nonfinite, t[v] * wl);
+        }
+    }
+    for (int v = 0; v < R; ++v) x[i0 + v] = acc[v];
+}
+
+// solve_side_by_side with W lanes, the systems in groups of W.
+template <int W>
+SBAS_LANES_INLINE bool side_by_side(const SparseDesign& design, const int64_t* skip, int64_t L, int64_t n,
+                                    int64_t M, const double* w, const double* y, int count, double* x,
+                                    LockstepScratch& scratch)
+{
+    using V = typename Vectors<W>::V;
+    using U = typename Vectors<W>::U;
+    double* storage = lane_storage<W>(scratch, M);
+    V* lu = reinterpret_cast<V*>(storage);
+    for (int g = 0; g < count; g += W) {
+        if (!normal_lanes<W>(design, w + g, L, M, lu)) return false;
+        bool keep[W], redo[W], singular[W], sparse;
+        for (int k = 0; k < W; ++k) keep[k] = true;
+        const V* S = invert_interleaved<W>(M, storage, scratch.pivots.data(), scratch.structure.data(), keep, redo,
+                                           singular, sparse);
+        if (!sparse) return false;
+        for (int k = 0; k < W; ++k)
+            if (!keep[k]) return false;
+        // The solutions take the place of the factors.
+        typename Vectors<W>::B nonfinite = {};
+        for (int64_t i0 = 0; i0 < M; i0 += 8) {
+            switch (std::min<int64_t>(8, M - i0)) {
+#define SBAS_SOLUTION_LANES(R) solution_lanes<W, R>(design, skip, L, n, w + g, y + g, S, M, i0, lu, nonfinite)
+                case 8: SBAS_SOLUTION_LANES(8); break;
+                case 7: SBAS_SOLUTION_LANES(7); break;
+                case 6: SBAS_SOLUTION_LANES(6); break;
+                case 5: SBAS_SOLUTION_LANES(5); break;
+                case 4: SBAS_SOLUTION_LANES(4); break;
+                case 3: SBAS_SOLUTION_LANES(3); break;
+                case 2: SBAS_SOLUTION_LANES(2); break;
+                default: SBAS_SOLUTION_LANES(1); break;
+#undef SBAS_SOLUTION_LANES
+            }
+        }
+        // A t w[l] that is not finite leaves x not finite (times y[l], even
+        // 0.0, it is an infinity or a NaN, and neither leaves a sum).
+        for (int64_t i = 0; i < M; ++i) flag_nonfinite<W>(nonfinite, lu[i]);
+        for (int k = 0; k < W; ++k)
+            if (nonfinite[k] >> 63) return false;
+        for (int64_t i = 0; i < M; ++i) *reinterpret_cast<U*>(x + i * kLockstepLanes + g) = lu[i];
+    }
+    return true;
+}
+
+SBAS_BY_WIDTH(bool, side_by_side_by_width, side_by_side,
+              (const SparseDesign& design, const int64_t* skip, int64_t L, int64_t n, int64_t M, const double* w,
+               const double* y, int count, double* x, LockstepScratch& scratch),
+              (design, skip, L, n, M, w, y, count, x, scratch))
 
 // Rows i0 .. i0+R-1 of the solutions p0 .. p0 + V*W - 1 (lanes: solutions).
 template <int W, int R, int P>
@@ -721,6 +859,15 @@ void matinv_lockstep(double* const* a, int count, int64_t n, LockstepScratch& sc
 {
     if (n < 1 || count < 1) return;
     matinv_by_width(a, std::min(count, kLockstepLanes), n, scratch);
+}
+
+bool solve_side_by_side(const SparseDesign& design, const int64_t* skip, int64_t L, int64_t n, int64_t M,
+                        const double* w, const double* y, int count, double* x, LockstepScratch& scratch)
+{
+    if (L < 1 || M < 1 || count < 1 || count > kLockstepLanes) return false;
+    // The zero terms are skipped only with finite factors.
+    if (!all_finite(design.values.data(), design.row_start[L]) || !all_finite(w, L * kLockstepLanes)) return false;
+    return side_by_side_by_width(design, skip, L, n, M, w, y, count, x, scratch);
 }
 
 void products(const double* E, int64_t ldE, int64_t M, int64_t n, const double* Y, int64_t ldY, int64_t count,
