@@ -130,6 +130,31 @@ void store_pixel(const Network& net, const double* x, int64_t ldx, float sum, in
     if (net.dem_error) maps.dem[pixel] = static_cast<float>(x[(net.M - 1) * ldx]);
 }
 
+// The sums of squared residuals of kLanes pixels side by side, as
+// residual_sum forms each over its rows: the template's rows l < N in
+// increasing order, those a pixel lacks (weight 0.0) left out. x, y and w
+// hold entry l of lane k at [l * kLanes + k].
+SBAS_VECTOR_CLONES
+void lane_residuals(const lib::SparseDesign& design, int64_t N, const double* x, const double* y, const double* w,
+                    float* sums)
+{
+    float sum[kLanes] = {};
+    for (int64_t l = 0; l < N; ++l) {
+        double fitted[kLanes] = {};
+        for (int64_t p = design.row_start[l]; p < design.row_start[l + 1]; ++p) {
+            const double a = design.values[p];
+            const double* at = x + design.columns[p] * kLanes;
+            for (int k = 0; k < kLanes; ++k) fitted[k] += a * at[k];
+        }
+        for (int k = 0; k < kLanes; ++k) {
+            const double residual = y[l * kLanes + k] - fitted[k];
+            const float next = sum[k] + residual * residual;
+            sum[k] = w[l * kLanes + k] != 0.0 ? next : sum[k];
+        }
+    }
+    for (int k = 0; k < kLanes; ++k) sums[k] = sum[k];
+}
+
 // Patterns of one pixel (scattered no-data), kLanes at a time side by side
 // over the template's rows, a row a pixel lacks weighing 0.0 there
 // (lib::solve_side_by_side): the bits each pixel gets solved alone, without
@@ -164,21 +189,11 @@ bool solve_single_pixels(const Network& net, const RowTemplate& rows_all, float*
     double* x = s.lane_x.get();
     if (!lib::solve_side_by_side(rows_all.design, rows_all.skip.get(), net.L, N, M, w, y, count, x, s.lockstep))
         return false;
-    // The residuals as residual_sum takes them, over the pixel's rows.
-    const lib::SparseDesign& design = rows_all.design;
+    float sums[kLanes];
+    lane_residuals(rows_all.design, N, x, y, w, sums);
     for (int lane = 0; lane < count; ++lane) {
-        const int64_t* ifgs = s.ifgs.get() + lane * N;
-        float sum = 0.0f;
-        for (int64_t r = 0; r < observed[lane]; ++r) {
-            const int64_t l = ifgs[r];
-            double fitted = 0.0;
-            for (int64_t p = design.row_start[l]; p < design.row_start[l + 1]; ++p)
-                fitted += design.values[p] * x[design.columns[p] * kLanes + lane];
-            const double residual = y[l * kLanes + lane] - fitted;
-            sum += residual * residual;
-        }
         const int64_t q = first + lane;
-        store_pixel(net, x + lane, kLanes, sum, g.n[q], g.members[g.start[q]], maps);
+        store_pixel(net, x + lane, kLanes, sums[lane], g.n[q], g.members[g.start[q]], maps);
     }
     return true;
 }

@@ -99,10 +99,20 @@ SBAS_LANES_INLINE void eliminate(const typename Vectors<W>::V* lu, typename Vect
 template <int W>
 SBAS_LANES_INLINE bool any_nonzero(typename Vectors<W>::V v)
 {
-    const typename Vectors<W>::I nonzero = v != 0.0;
-    int64_t any = 0;
-    for (int k = 0; k < W; ++k) any |= nonzero[k];
-    return any != 0;
+    // The lanes folded in halves by shuffles, which stay in vector registers.
+    typename Vectors<W>::I m = v != 0.0;
+    if constexpr (W == 8) {
+        m |= __builtin_shufflevector(m, m, 4, 5, 6, 7, 0, 1, 2, 3);
+        m |= __builtin_shufflevector(m, m, 2, 3, 0, 1, 6, 7, 4, 5);
+        m |= __builtin_shufflevector(m, m, 1, 0, 3, 2, 5, 4, 7, 6);
+    } else if constexpr (W == 4) {
+        m |= __builtin_shufflevector(m, m, 2, 3, 0, 1);
+        m |= __builtin_shufflevector(m, m, 1, 0, 3, 2);
+    } else {
+        static_assert(W == 2);
+        m |= __builtin_shufflevector(m, m, 1, 0);
+    }
+    return m[0] != 0;
 }
 
 // Whether every lane of v is above zero (a NaN is not).
@@ -702,6 +712,11 @@ SBAS_LANES_INLINE bool normal_lanes(const SparseDesign& design, const double* w,
 // before. A row a system lacks weighs 0.0 and adds +0.0 or -0.0 (t is finite
 // when S is), which changes nothing. The rows from n on are only checked:
 // `nonfinite` flags the lanes where t w[l] is not finite.
+//
+// With S finite a term S[i, j] * 1.0 is S[i, j] itself; and the weights of
+// the rows below n being 1.0 or 0.0, with y 0.0 where they are 0.0, t w[l]
+// y[l] is t y[l] where the row weighs 1.0 and adds +0.0 or -0.0 either way
+// where it weighs 0.0: those products are left out.
 template <int W, int R>
 SBAS_LANES_INLINE void solution_lanes(const SparseDesign& design, const int64_t* skip, int64_t L, int64_t n,
                                       const double* w, const double* y, const typename Vectors<W>::V* S, int64_t M,
@@ -719,12 +734,15 @@ SBAS_LANES_INLINE void solution_lanes(const SparseDesign& design, const int64_t*
         for (int64_t p = start[l] + skip[l]; p < start[l + 1]; ++p) {
             const double a = values[p];
             const V* column = S + columns[p] * M + i0;
-            for (int v = 0; v < R; ++v) t[v] += column[v] * a;
+            if (a == 1.0)
+                for (int v = 0; v < R; ++v) t[v] += column[v];
+            else
+                for (int v = 0; v < R; ++v) t[v] += column[v] * a;
         }
         const V wl = *reinterpret_cast<const U*>(w + l * kLockstepLanes);
         if (l < n) {
             const V yl = *reinterpret_cast<const U*>(y + l * kLockstepLanes);
-            for (int v = 0; v < R; ++v) acc[v] = acc[v] + t[v] * wl * yl;
+            for (int v = 0; v < R; ++v) acc[v] = acc[v] + t[v] * yl;
         } else {
             for (int v = 0; v < R; ++v) flag_nonfinite<W>(nonfinite, t[v] * wl);
         }
@@ -867,6 +885,10 @@ bool solve_side_by_side(const SparseDesign& design, const int64_t* skip, int64_t
     if (L < 1 || M < 1 || count < 1 || count > kLockstepLanes) return false;
     // The zero terms are skipped only with finite factors.
     if (!all_finite(design.values.data(), design.row_start[L]) || !all_finite(w, L * kLockstepLanes)) return false;
+    // An observation weighs 1.0, or 0.0 and observes 0.0 (solution_lanes).
+    bool plain = true;
+    for (int64_t q = 0; q < n * kLockstepLanes; ++q) plain &= w[q] == 1.0 || (w[q] == 0.0 && y[q] == 0.0);
+    if (!plain) return false;
     return side_by_side_by_width(design, skip, L, n, M, w, y, count, x, scratch);
 }
 

@@ -35,15 +35,16 @@ struct SparseDesign;
 // kLockstepLanes) that share the rows of `design` (L x M) and differ in
 // their weights: row l of system k weighs w[l * kLockstepLanes + k], 0.0
 // for a row the system lacks, and observes y[l * kLockstepLanes + k] when
-// l < n; the rows from n on observe nothing. Every column of w (and of y)
+// l < n (weight 1.0, or 0.0 with y 0.0); the rows from n on observe
+// nothing. Every column of w (and of y)
 // must hold a system, those past count too (a copy of the first, say).
 // skip[l] is shared_prefix(design, l). Entry i of system k's x goes to
 // x[i * kLockstepLanes + k], with the bits that diagonal_normal_matrix,
 // matinv_acc and diagonal_solution give that system alone (its rows of
 // nonzero weight). Returns false, x unusable, where that cannot be vouched
-// for in lanes (a non-finite entry or product, a matrix that is singular,
-// not banded or whose inverse is not all finite, a solution that is not
-// finite): each system must then be solved on its own.
+// for in lanes (other weights, a non-finite entry or product, a matrix that
+// is singular, not banded or whose inverse is not all finite, a solution
+// that is not finite): each system must then be solved on its own.
 bool solve_side_by_side(const SparseDesign& design, const int64_t* skip, int64_t L, int64_t n, int64_t M,
                         const double* w, const double* y, int count, double* x, LockstepScratch& scratch);
 

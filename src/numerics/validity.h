@@ -6,6 +6,7 @@
 #pragma once
 
 #include <bit>
+#include <cfloat>
 #include <cmath>
 #include <cstdint>
 
@@ -22,12 +23,20 @@ inline bool isvalid_double(const double& x)
     return true;
 }
 
-// True unless |x| < 1e-8 (x widened to double), x is NaN or x is infinite.
-// A float holding 1e-8 is slightly below 1e-8 once widened, so it is no-data.
+// The smallest float whose magnitude is at least 1e-8 once widened to
+// double. A float holding 1e-8 is slightly below 1e-8 once widened, so it is
+// no-data.
+inline constexpr float kSmallestValid = 0x1.5798fp-27f;
+static_assert(static_cast<double>(kSmallestValid) >= 1e-8 &&
+              static_cast<double>(std::bit_cast<float>(std::bit_cast<uint32_t>(kSmallestValid) - 1)) < 1e-8);
+
+// True unless |x| < 1e-8 (x widened to double), x is NaN or x is infinite:
+// tested on the float itself (NaN fails both comparisons), so that loops
+// over samples run in vector lanes.
 inline bool isvalid(const float& x)
 {
-    const double widened = x;
-    return isvalid_double(widened);
+    const float magnitude = std::fabs(x);
+    return magnitude >= kSmallestValid && magnitude <= FLT_MAX;
 }
 
 // True when none of the `count` doubles is infinite or NaN (has an exponent

@@ -24,24 +24,17 @@
 
 #include "numerics/lanes.h"
 #include "numerics/stats.h"
+#include "numerics/validity.h"
 
 namespace quality {
 namespace {
 
 constexpr int64_t kTile = 512;
 
-// lib::isvalid: |x| at least 1e-8, not NaN, not infinite.
-inline bool valid_sample(float x)
-{
-    const double w = std::fabs(static_cast<double>(x));
-    return w >= 1e-8 && w <= DBL_MAX;
-}
-
-// lib::isvalid on floats without widening them: a float's magnitude is at
-// least 1e-8 as a double exactly when it is at least the smallest float that
-// is (0x1.5798fp-27), and a float is at most the largest double exactly when
-// it is finite; NaN fails both tests. Gives -1 in the valid lanes.
-constexpr float kSmallestValid = 0x1.5798fp-27f;
+// lib::isvalid on floats in lanes: a float's magnitude is at least 1e-8 as
+// a double exactly when it is at least lib::kSmallestValid, and it is
+// finite exactly when it is at most FLT_MAX; NaN fails both tests. Gives -1
+// in the valid lanes.
 
 template <int W>
 struct FloatLanes {
@@ -55,7 +48,7 @@ template <int W>
     using F = typename FloatLanes<W>::F;
     using M = typename FloatLanes<W>::M;
     const F magnitude = (F)((M)x & 0x7fffffff);
-    valid &= (magnitude >= kSmallestValid) & (magnitude <= FLT_MAX);
+    valid &= (magnitude >= lib::kSmallestValid) & (magnitude <= FLT_MAX);
 }
 
 // The lanes where a, b and c are all valid.
@@ -111,7 +104,7 @@ SBAS_LANES_INLINE void pixel_tile(const LOOPORDER* loops, int64_t loop_count, fl
         }
         for (int64_t t = whole; t < width; ++t) {
             const float a = s01[t], b = s02[t], c = s12[t];
-            if (!valid_sample(a) || !valid_sample(b) || !valid_sample(c)) continue;
+            if (!lib::isvalid(a) || !lib::isvalid(b) || !lib::isvalid(c)) continue;
             const float closure = a - b + c;
             lib::RunningMoments m{count[t], mean[t], variance[t]};
             m.add(closure);
@@ -161,7 +154,7 @@ SBAS_LANES_INLINE void loop_group(const LOOPORDER* loops, int lanes, float* cons
         }
         for (int64_t t = whole; t < width; ++t) {
             const float a = s01[t], b = s02[t], c = s12[t];
-            const bool valid = valid_sample(a) && valid_sample(b) && valid_sample(c);
+            const bool valid = lib::isvalid(a) && lib::isvalid(b) && lib::isvalid(c);
             closures[t * W + g] = valid ? a - b + c : __builtin_nanf("");
         }
         count[g] = moments[from].count;
