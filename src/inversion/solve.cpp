@@ -4,9 +4,12 @@
 // so that their normal matrices are inverted side by side in vector lanes,
 // then every pixel of a pattern gets x = E y, its fitted values and sigma,
 // chunk by chunk with the pixels or the rows of E in the lanes
-// (numerics/lockstep.h); a pattern of one pixel (scattered no-data) adds
-// each column of E into x as it is formed and never stores E, which on
-// large stacks no longer fits the caches. None of this changes a sum, so a
+// (numerics/lockstep.h). Patterns of one pixel (scattered no-data) go
+// eight at a time through the template's rows side by side, a row a pixel
+// lacks weighing 0.0 there (lib::solve_side_by_side): no system is formed
+// and no E stored, which on large stacks no longer fits the caches; where
+// the lanes cannot vouch for the bits, a pattern of one pixel adds each
+// column of E into x as it is formed. None of this changes a sum, so a
 // pixel's outputs are the bits solving it alone gives, whatever the batch,
 // the thread count or the other pixels of its pattern
 // (Grouping.EveryPixelGetsTheBitsOfItsOwnSolution compares the two).
