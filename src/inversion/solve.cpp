@@ -4,12 +4,12 @@
 // so that their normal matrices are inverted side by side in vector lanes,
 // then every pixel of a pattern gets x = E y, its fitted values and sigma,
 // chunk by chunk with the pixels or the rows of E in the lanes
-// (numerics/lockstep.h). Patterns of one pixel (scattered no-data) go
-// eight at a time through the template's rows side by side, a row a pixel
-// lacks weighing 0.0 there (lib::solve_side_by_side): no system is formed
-// and no E stored, which on large stacks no longer fits the caches; where
-// the lanes cannot vouch for the bits, a pattern of one pixel adds each
-// column of E into x as it is formed. None of this changes a sum, so a
+// (numerics/lockstep.h). Patterns of one pixel (scattered no-data) are
+// taken first, eight at a time through the template's rows side by side, a
+// row a pixel lacks weighing 0.0 there (lib::solve_side_by_side): no system
+// is formed and no E stored, which on large stacks no longer fits the
+// caches; a group the lanes cannot vouch for goes the way of the other
+// patterns. None of this changes a sum, so a
 // pixel's outputs are the bits solving it alone gives, whatever the batch,
 // the thread count or the other pixels of its pattern
 // (Grouping.EveryPixelGetsTheBitsOfItsOwnSolution compares the two).
@@ -165,7 +165,7 @@ void lane_residuals(const lib::SparseDesign& design, int64_t N, const double* x,
 // go the way of the other patterns: a count that disagrees with the valid
 // interferograms, or what the lanes cannot vouch for.
 bool solve_single_pixels(const Network& net, const RowTemplate& rows_all, float* const* stack,
-                         const sbas::PixelGroups& g, int64_t first, int count, Scratch& s, Maps& maps)
+                         const sbas::PixelGroups& g, const int64_t* patterns, int count, Scratch& s, Maps& maps)
 {
     const int64_t N = net.N, M = net.M;
     double* w = s.lane_w.get();
@@ -174,7 +174,7 @@ bool solve_single_pixels(const Network& net, const RowTemplate& rows_all, float*
     for (int lane = 0; lane < kLanes; ++lane) {
         // Lanes past count repeat the first pixel.
         const int k = lane < count ? lane : 0;
-        const int64_t q = first + k;
+        const int64_t q = patterns[k];
         int64_t* ifgs = s.ifgs.get() + k * N;
         if (lane < count) {
             observed[lane] = g.interferograms(q, N, ifgs);
@@ -195,7 +195,7 @@ bool solve_single_pixels(const Network& net, const RowTemplate& rows_all, float*
     float sums[kLanes];
     lane_residuals(rows_all.design, N, x, y, w, sums);
     for (int lane = 0; lane < count; ++lane) {
-        const int64_t q = first + lane;
+        const int64_t q = patterns[lane];
         store_pixel(net, x + lane, kLanes, sums[lane], g.n[q], g.members[g.start[q]], maps);
     }
     return true;
@@ -268,27 +268,21 @@ void solve_pixels(const Network& net, const System& sys, float* const* stack, co
     }
 }
 
-// Forms the estimators of patterns [first, first + count) (count at most
+// Forms the estimators of the `count_patterns` patterns listed (at most
 // kLanes), inverting their normal matrices side by side, and solves their
 // pixels.
 void solve_patterns(const CFG& cfg, const Network& net, const std::vector<DATEORDER>& dates,
                     const BASELINE* baselines, const RowTemplate& rows_all, float* const* stack, const int* count,
-                    const sbas::PixelGroups& g, int64_t first, int count_patterns, Scratch& s, Maps& maps,
+                    const sbas::PixelGroups& g, const int64_t* patterns, int count_patterns, Scratch& s, Maps& maps,
                     Clock& clock)
 {
     const int64_t M = net.M;
-    bool singles = true;
-    for (int lane = 0; lane < count_patterns; ++lane) singles &= g.start[first + lane + 1] - g.start[first + lane] == 1;
-    if (singles && solve_single_pixels(net, rows_all, stack, g, first, count_patterns, s, maps)) {
-        clock.lap(s.profile.factorising);
-        return;
-    }
     bool halves[kLanes] = {};
     double* normal[kLanes];
     int64_t observed[kLanes];
     int inverted = 0;
     for (int lane = 0; lane < count_patterns; ++lane) {
-        const int64_t q = first + lane;
+        const int64_t q = patterns[lane];
         const int64_t rows = g.n[q] + net.constraints;
         double* w = s.w.get() + lane * net.most_rows;
         int64_t* ifgs = s.ifgs.get() + lane * net.N;
@@ -300,28 +294,13 @@ void solve_patterns(const CFG& cfg, const Network& net, const std::vector<DATEOR
     }
     lib::matinv_lockstep(normal, inverted, M, s.lockstep);
     for (int lane = 0; lane < count_patterns; ++lane) {
-        const int64_t q = first + lane;
+        const int64_t q = patterns[lane];
         const int64_t rows = g.n[q] + net.constraints;
         double* w = s.w.get() + lane * net.most_rows;
         const double* S = s.S.get() + lane * M * M;
         const int64_t* ifgs = s.ifgs.get() + lane * net.N;
         const int64_t* members = g.members.get() + g.start[q];
         const int64_t pixels = g.start[q + 1] - g.start[q];
-        if (halves[lane] && pixels == 1) {
-            // A pattern of one pixel: x formed with the estimator's columns,
-            // which are not stored (the bits of E y all the same).
-            const System sys{nullptr, &s.designs[lane], nullptr, ifgs, observed[lane], g.n[q], rows, true};
-            double* x = s.E.get();
-            gather(sys, stack, members, 1, s.Y.get());
-            if (lib::diagonal_solution(s.designs[lane], w, rows, M, S, g.n[q], s.Y.get(), kChunk, x,
-                                       s.estimator.work)) {
-                double* X = s.X.get();
-                for (int64_t j = 0; j < M; ++j) X[j * kChunk] = x[j];
-                finish_chunk(net, sys, X, s.Y.get(), members, 1, maps);
-                clock.lap(s.profile.factorising);
-                continue;
-            }
-        }
         bool finite = halves[lane] && lib::diagonal_estimator(s.designs[lane], w, rows, M, S, s.E.get(), net.ldE,
                                                               s.estimator.work);
         if (!finite) {
@@ -379,10 +358,26 @@ void invert_block(const CFG& cfg, const Network& net, const std::vector<DATEORDE
     }
     lib::progress_add(block.end - block.first - grouped);
     clock.lap(profile.products);
-    for (int64_t q = 0; q < g.pattern_count; q += kLanes) {
-        const int lanes = static_cast<int>(std::min<int64_t>(kLanes, g.pattern_count - q));
-        solve_patterns(cfg, net, dates, baselines, rows_all, stack, count, g, q, lanes, s, maps, clock);
-        lib::progress_add(g.start[q + lanes] - g.start[q]);
+    // The patterns of one pixel first, kLanes at a time side by side; the
+    // others, and a group of those the lanes decline, kLanes at a time
+    // through their estimators. The order changes no output.
+    lib::Owned<int64_t> order(g.pattern_count);
+    int64_t singles = 0;
+    for (int64_t q = 0; q < g.pattern_count; ++q)
+        if (g.start[q + 1] - g.start[q] == 1) order[singles++] = q;
+    for (int64_t q = 0, at = singles; q < g.pattern_count; ++q)
+        if (g.start[q + 1] - g.start[q] != 1) order[at++] = q;
+    for (int64_t first = 0; first < g.pattern_count;) {
+        const int64_t end = first < singles ? singles : g.pattern_count;
+        const int lanes = static_cast<int>(std::min<int64_t>(kLanes, end - first));
+        const int64_t* patterns = order.get() + first;
+        if (first >= singles || !solve_single_pixels(net, rows_all, stack, g, patterns, lanes, s, maps))
+            solve_patterns(cfg, net, dates, baselines, rows_all, stack, count, g, patterns, lanes, s, maps, clock);
+        clock.lap(first < singles ? s.profile.factorising : s.profile.products);
+        int64_t pixels = 0;
+        for (int k = 0; k < lanes; ++k) pixels += g.start[patterns[k] + 1] - g.start[patterns[k]];
+        lib::progress_add(pixels);
+        first += lanes;
     }
 }
 

@@ -147,7 +147,6 @@ int64_t shared_prefix(const SparseDesign& design, int64_t l)
     return before;
 }
 
-
 bool diagonal_normal_matrix(const SparseDesign& design, const double* w, int64_t L, int64_t M, double* S)
 {
     if (L < 1 || M < 1) return false;
@@ -174,20 +173,16 @@ bool diagonal_normal_matrix(const SparseDesign& design, const double* w, int64_t
 
 namespace {
 
-// What is done with a column of E once formed: stored, added into x times
-// y[l] (l < n), or only checked (the columns past n, for diagonal_solution).
-enum class Column { store, add, check };
-
-// Rows i0 .. i0 + R*W - 1 of column l of E: the sum over the row's `terms`
-// nonzero entries (from `first`) of S[:, j] A[l, j] in increasing j from
-// 0.0, then canon of its product with w[l]; stored into `out`, or added into
-// `out` (x) times yl. S is padded (column stride ldS, a multiple of 8, zeros
-// past M). An infinite or NaN t makes t * w one too (a finite w, even 0.0),
-// so flagging the products catches both a non-finite T and an overflow.
-template <int W, int R, Column use>
-[[gnu::always_inline]] inline void column_rows(const int64_t* columns, const double* values, int64_t first,
-                                               int64_t terms, const double* S, int64_t ldS, int64_t i0, double wl,
-                                               double yl, double* out, typename Vectors<W>::B& nonfinite)
+// Rows i0 .. i0 + R*W - 1 of column l of E for diagonal_estimator: the sum
+// over the row's `terms` nonzero entries (from `first`) of S[:, j] A[l, j]
+// in increasing j from 0.0, then canon of its product with w[l]. S is padded
+// (column stride ldS, a multiple of 8, zeros past M). An infinite or NaN t
+// makes t * w one too (a finite w, even 0.0), so flagging the products
+// catches both a non-finite T and an overflow.
+template <int W, int R>
+[[gnu::always_inline]] inline void estimator_rows(const int64_t* columns, const double* values, int64_t first,
+                                                  int64_t terms, const double* S, int64_t ldS, int64_t i0,
+                                                  double wl, double* e, typename Vectors<W>::B& nonfinite)
 {
     using V = typename Vectors<W>::V;
     using U = typename Vectors<W>::U;
@@ -198,45 +193,10 @@ template <int W, int R, Column use>
         for (int v = 0; v < R; ++v) t[v] += *reinterpret_cast<const U*>(s + v * W) * a;
     }
     for (int v = 0; v < R; ++v) {
-        const V product = t[v] * wl + 0.0;  // canon(t * w), E[i, l]
+        const V product = t[v] * wl + 0.0;  // canon(t * w)
         flag_nonfinite<W>(nonfinite, product);
-        U* to = reinterpret_cast<U*>(out + i0 + v * W);
-        if constexpr (use == Column::store) *to = product;
-        if constexpr (use == Column::add) *to = *to + product * yl;
+        *reinterpret_cast<U*>(e + i0 + v * W) = product;
     }
-}
-
-// Column l of E, all ldS rows, up to eight vectors a pass keeping their sums
-// in registers.
-template <int W, Column use>
-[[gnu::always_inline]] inline void column(const SparseDesign& design, int64_t l, const double* S, int64_t ldS,
-                                          double wl, double yl, double* out, typename Vectors<W>::B& nonfinite)
-{
-    const int64_t* columns = design.columns.data();
-    const double* values = design.values.data();
-    const int64_t first = design.row_start[l], terms = design.row_start[l + 1] - first;
-    for (int64_t i0 = 0; i0 < ldS; i0 += 8 * W) {
-        switch (std::min<int64_t>(8, (ldS - i0) / W)) {
-#define SBAS_COLUMN_ROWS(R) column_rows<W, R, use>(columns, values, first, terms, S, ldS, i0, wl, yl, out, nonfinite)
-            case 8: SBAS_COLUMN_ROWS(8); break;
-            case 7: SBAS_COLUMN_ROWS(7); break;
-            case 6: SBAS_COLUMN_ROWS(6); break;
-            case 5: SBAS_COLUMN_ROWS(5); break;
-            case 4: SBAS_COLUMN_ROWS(4); break;
-            case 3: SBAS_COLUMN_ROWS(3); break;
-            case 2: SBAS_COLUMN_ROWS(2); break;
-            default: SBAS_COLUMN_ROWS(1); break;
-#undef SBAS_COLUMN_ROWS
-        }
-    }
-}
-
-template <int W>
-bool none_flagged(typename Vectors<W>::B nonfinite)
-{
-    for (int k = 0; k < W; ++k)
-        if (nonfinite[k] >> 63) return false;
-    return true;
 }
 
 // diagonal_estimator's products, with W lanes: column l of E for each row l
@@ -245,12 +205,31 @@ template <int W>
 [[gnu::always_inline]] inline bool estimator_lanes(const SparseDesign& design, const double* w, const int64_t* order,
                                                    int64_t L, const double* S, int64_t ldS, double* E, int64_t ldE)
 {
+    const int64_t* start = design.row_start.data();
+    const int64_t* columns = design.columns.data();
+    const double* values = design.values.data();
     typename Vectors<W>::B nonfinite = {};
     for (int64_t k = 0; k < L; ++k) {
         const int64_t l = order[k];
-        column<W, Column::store>(design, l, S, ldS, w[l], 0.0, E + l * ldE, nonfinite);
+        double* e = E + l * ldE;
+        const int64_t first = start[l], terms = start[l + 1] - start[l];
+        // Up to eight vectors a pass keep their sums in registers.
+        for (int64_t i0 = 0; i0 < ldS; i0 += 8 * W) {
+            switch (std::min<int64_t>(8, (ldS - i0) / W)) {
+                case 8: estimator_rows<W, 8>(columns, values, first, terms, S, ldS, i0, w[l], e, nonfinite); break;
+                case 7: estimator_rows<W, 7>(columns, values, first, terms, S, ldS, i0, w[l], e, nonfinite); break;
+                case 6: estimator_rows<W, 6>(columns, values, first, terms, S, ldS, i0, w[l], e, nonfinite); break;
+                case 5: estimator_rows<W, 5>(columns, values, first, terms, S, ldS, i0, w[l], e, nonfinite); break;
+                case 4: estimator_rows<W, 4>(columns, values, first, terms, S, ldS, i0, w[l], e, nonfinite); break;
+                case 3: estimator_rows<W, 3>(columns, values, first, terms, S, ldS, i0, w[l], e, nonfinite); break;
+                case 2: estimator_rows<W, 2>(columns, values, first, terms, S, ldS, i0, w[l], e, nonfinite); break;
+                default: estimator_rows<W, 1>(columns, values, first, terms, S, ldS, i0, w[l], e, nonfinite); break;
+            }
+        }
     }
-    return none_flagged<W>(nonfinite);
+    for (int k = 0; k < W; ++k)
+        if (nonfinite[k] >> 63) return false;
+    return true;
 }
 
 SBAS_BY_WIDTH(bool, estimator_by_width, estimator_lanes,
@@ -258,85 +237,22 @@ SBAS_BY_WIDTH(bool, estimator_by_width, estimator_lanes,
                int64_t ldS, double* E, int64_t ldE),
               (design, w, order, L, S, ldS, E, ldE))
 
-// Rows i0 .. i0 + R*W - 1 of x = E y over the columns l < n of E, the sums
-// of x and of column l of S A^T held in registers from column to column.
-// Each element of x takes t w[l] y[l] in increasing l from 0.0, t being
-// column l's sum as column_rows forms it, resumed after the entries shared
-// with column l - 1 (skip[l]). canon() is left out: x starts at +0.0 and so
-// is never -0.0, and adding +0.0 or -0.0 to it changes nothing.
-template <int W, int R>
-[[gnu::always_inline]] inline void solution_rows(const SparseDesign& design, const double* w, int64_t n,
-                                                 const int64_t* skip, const double* S, int64_t ldS, int64_t i0,
-                                                 const double* y, int64_t ldy, double* x)
-{
-    using V = typename Vectors<W>::V;
-    using U = typename Vectors<W>::U;
-    const int64_t* start = design.row_start.data();
-    const int64_t* columns = design.columns.data();
-    const double* values = design.values.data();
-    V t[R] = {}, acc[R] = {};
-    for (int64_t l = 0; l < n; ++l) {
-        if (skip[l] == 0)
-            for (int v = 0; v < R; ++v) t[v] = V{};
-        for (int64_t p = start[l] + skip[l]; p < start[l + 1]; ++p) {
-            const double a = values[p];
-            const double* s = S + columns[p] * ldS + i0;
-            for (int v = 0; v < R; ++v) t[v] += *reinterpret_cast<const U*>(s + v * W) * a;
-        }
-        const double wl = w[l], yl = y[l * ldy];
-        for (int v = 0; v < R; ++v) acc[v] = acc[v] + t[v] * wl * yl;
-    }
-    for (int v = 0; v < R; ++v) *reinterpret_cast<U*>(x + i0 + v * W) = acc[v];
-}
+}  // namespace
 
-// diagonal_solution's work with W lanes: x from the columns of E in
-// increasing l, in blocks of up to eight vectors of rows; then the columns
-// past n, only checked. A column of E that is not finite leaves x not
-// finite (times y[l], even 0.0, it is an infinity or a NaN, and neither
-// leaves a sum), so x's own check covers the columns before n.
-template <int W>
-[[gnu::always_inline]] inline bool solution_lanes(const SparseDesign& design, const double* w, int64_t L, int64_t n,
-                                                  const double* S, int64_t ldS, const double* y, int64_t ldy,
-                                                  double* x, int64_t* skip)
-{
-    for (int64_t l = 0; l < n; ++l) skip[l] = shared_prefix(design, l);
-    for (int64_t i0 = 0; i0 < ldS; i0 += 8 * W) {
-        switch (std::min<int64_t>(8, (ldS - i0) / W)) {
-#define SBAS_SOLUTION_ROWS(R) solution_rows<W, R>(design, w, n, skip, S, ldS, i0, y, ldy, x)
-            case 8: SBAS_SOLUTION_ROWS(8); break;
-            case 7: SBAS_SOLUTION_ROWS(7); break;
-            case 6: SBAS_SOLUTION_ROWS(6); break;
-            case 5: SBAS_SOLUTION_ROWS(5); break;
-            case 4: SBAS_SOLUTION_ROWS(4); break;
-            case 3: SBAS_SOLUTION_ROWS(3); break;
-            case 2: SBAS_SOLUTION_ROWS(2); break;
-            default: SBAS_SOLUTION_ROWS(1); break;
-#undef SBAS_SOLUTION_ROWS
-        }
-    }
-    typename Vectors<W>::B nonfinite = {};
-    using U = typename Vectors<W>::U;
-    for (int64_t i = 0; i < ldS; i += W) flag_nonfinite<W>(nonfinite, *reinterpret_cast<const U*>(x + i));
-    for (int64_t l = n; l < L; ++l) column<W, Column::check>(design, l, S, ldS, w[l], 0.0, x, nonfinite);
-    return none_flagged<W>(nonfinite);
-}
-
-SBAS_BY_WIDTH(bool, solution_by_width, solution_lanes,
-              (const SparseDesign& design, const double* w, int64_t L, int64_t n, const double* S, int64_t ldS,
-               const double* y, int64_t ldy, double* x, int64_t* skip),
-              (design, w, L, n, S, ldS, y, ldy, x, skip))
-
-// The checks both diagonal_estimator and diagonal_solution make before they
-// skip zeros, and S copied with its columns padded to a multiple of 8 rows by
-// zeros (so that vectors of rows fill the lanes) into work.padded. The next
-// product skips zeros of A and so needs S finite (the inverse of a nearly
-// singular matrix may overflow); the last one skips zeros of W and needs w
-// finite.
-bool padded_inverse(const SparseDesign& design, const double* w, int64_t L, int64_t M, const double* S,
-                    EstimatorWork& work)
+bool diagonal_estimator(const SparseDesign& design, const double* w, int64_t L, int64_t M, const double* S,
+                        double* E, int64_t ldE, EstimatorWork& work)
 {
     if (L < 1 || M < 1) return false;
-    if (!finite(S, M * M) || !finite(w, L) || !finite(design.values.data(), design.row_start[L])) return false;
+    const int64_t* start = design.row_start.data();
+    // The next product skips zeros of A and so needs S finite (the inverse
+    // of a nearly singular matrix may overflow); the last one skips zeros of
+    // W and needs w finite.
+    if (!finite(S, M * M) || !finite(w, L) || !finite(design.values.data(), start[L])) return false;
+    // Column l of T = S A^T sums S[:, j] A[l, j] over the nonzero columns j
+    // of row l, in increasing j, from 0.0; then E = T W is the single term
+    // T[i, l] w[l] per element (canon of the product), which needs T finite.
+    // S is copied with its columns padded to a multiple of 8 rows by zeros,
+    // so that vectors of rows fill the lanes; E's rows past M receive 0.0.
     const int64_t ldS = (M + 7) / 8 * 8;
     std::vector<double>& padded = work.padded;
     padded.resize(static_cast<size_t>(ldS * M));
@@ -345,20 +261,6 @@ bool padded_inverse(const SparseDesign& design, const double* w, int64_t L, int6
         std::copy(S + j * M, S + (j + 1) * M, to);
         std::fill(to + M, to + ldS, 0.0);
     }
-    return true;
-}
-
-}  // namespace
-
-bool diagonal_estimator(const SparseDesign& design, const double* w, int64_t L, int64_t M, const double* S,
-                        double* E, int64_t ldE, EstimatorWork& work)
-{
-    // Column l of T = S A^T sums S[:, j] A[l, j] over the nonzero columns j
-    // of row l, in increasing j, from 0.0; then E = T W is the single term
-    // T[i, l] w[l] per element (canon of the product), which needs T finite.
-    // E's rows past M receive 0.0.
-    if (!padded_inverse(design, w, L, M, S, work)) return false;
-    const int64_t* start = design.row_start.data();
     // Rows are taken grouped by their number of terms (a counting sort), so
     // that the loop over a row's terms runs the same length many times over
     // and its end is predicted.
@@ -370,16 +272,7 @@ bool diagonal_estimator(const SparseDesign& design, const double* w, int64_t L, 
     for (int64_t c = 0; c <= M; ++c) first_of[static_cast<size_t>(c + 1)] += first_of[static_cast<size_t>(c)];
     for (int64_t l = 0; l < L; ++l)
         order[static_cast<size_t>(first_of[static_cast<size_t>(start[l + 1] - start[l])]++)] = l;
-    return estimator_by_width(design, w, order.data(), L, work.padded.data(), (M + 7) / 8 * 8, E, ldE);
-}
-
-bool diagonal_solution(const SparseDesign& design, const double* w, int64_t L, int64_t M, const double* S,
-                       int64_t n, const double* y, int64_t ldy, double* x, EstimatorWork& work)
-{
-    if (!padded_inverse(design, w, L, M, S, work)) return false;
-    work.skip.resize(static_cast<size_t>(L));
-    return solution_by_width(design, w, L, std::min(n, L), work.padded.data(), (M + 7) / 8 * 8, y, ldy, x,
-                             work.skip.data());
+    return estimator_by_width(design, w, order.data(), L, padded.data(), ldS, E, ldE);
 }
 
 void dense_diagonal_estimator(const double* A, const double* w, int64_t L, int64_t M, double* S, double* T,

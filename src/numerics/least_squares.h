@@ -62,7 +62,7 @@ bool diagonal_normal_matrix(const SparseDesign& design, const double* w, int64_t
 // Work space of diagonal_estimator (one per thread).
 struct EstimatorWork {
     std::vector<double> padded;
-    std::vector<int64_t> order, first_of, skip;
+    std::vector<int64_t> order, first_of;
 };
 
 // diagonal_estimator: with S as matinv_acc left it, the estimator E (M x L,
@@ -73,17 +73,6 @@ struct EstimatorWork {
 // finite.
 bool diagonal_estimator(const SparseDesign& design, const double* w, int64_t L, int64_t M, const double* S,
                         double* E, int64_t ldE, EstimatorWork& work);
-
-// diagonal_solution: x = E y for one right-hand side (entry l at y[l * ldy]),
-// E being the estimator diagonal_estimator forms, without storing it: each
-// column of E is added in as it is formed, so x[i] sums E[i, l] y[l] over
-// l < n from 0.0 in increasing l, the bits lib::products gives on the stored
-// E. x needs room for M rounded up to a multiple of 8 (the rows past M
-// are scratch). Returns false, x unusable, where diagonal_estimator returns
-// false (all L columns of E are checked) and where x itself is not finite:
-// the caller then forms E and x the long way, which gives the same x.
-bool diagonal_solution(const SparseDesign& design, const double* w, int64_t L, int64_t M, const double* S,
-                       int64_t n, const double* y, int64_t ldy, double* x, EstimatorWork& work);
 
 // The same estimator formed by the dense chain itself, W being held as its
 // diagonal: every product with W runs over all L terms, zeros included, so
