@@ -30,7 +30,10 @@
 // dense chain. Patterns go eight at a time so that their normal
 // matrices are inverted side by side in vector lanes; then every pixel of a
 // pattern gets x = E y, its fitted values and sigma, chunk by chunk with the
-// pixels or the rows of E in the lanes (numerics/lockstep.h). None of this
+// pixels or the rows of E in the lanes (numerics/lockstep.h). Patterns of
+// one pixel, the rule under scattered no-data, skip the estimator: eight of
+// them go through every row of the full network side by side, a row a pixel
+// lacks weighing 0.0 there (lib::solve_side_by_side). None of this
 // changes a sum, so a pixel's outputs are the bits solving it alone gives,
 // whatever the batch, the thread count or the other pixels of its pattern
 // (Grouping.EveryPixelGetsTheBitsOfItsOwnSolution compares the two). Where
