@@ -94,13 +94,11 @@ SBAS_LANES_INLINE void eliminate(const typename Vectors<W>::V* lu, typename Vect
     for (; i0 < n; i0 += B) eliminate_rows<W, B, C>(lu, v, n, i0, 0, hi);
 }
 
-// Whether some lane of v is nonzero (-0.0 counts as zero, a NaN as
-// nonzero).
+// Whether some lane of the mask m is set, the lanes folded in halves by
+// shuffles, which stay in vector registers.
 template <int W>
-SBAS_LANES_INLINE bool any_nonzero(typename Vectors<W>::V v)
+SBAS_LANES_INLINE bool any_lane(typename Vectors<W>::I m)
 {
-    // The lanes folded in halves by shuffles, which stay in vector registers.
-    typename Vectors<W>::I m = v != 0.0;
     if constexpr (W == 8) {
         m |= __builtin_shufflevector(m, m, 4, 5, 6, 7, 0, 1, 2, 3);
         m |= __builtin_shufflevector(m, m, 2, 3, 0, 1, 6, 7, 4, 5);
@@ -115,14 +113,19 @@ SBAS_LANES_INLINE bool any_nonzero(typename Vectors<W>::V v)
     return m[0] != 0;
 }
 
+// Whether some lane of v is nonzero (-0.0 counts as zero, a NaN as
+// nonzero).
+template <int W>
+SBAS_LANES_INLINE bool any_nonzero(typename Vectors<W>::V v)
+{
+    return any_lane<W>(v != 0.0);
+}
+
 // Whether every lane of v is above zero (a NaN is not).
 template <int W>
 SBAS_LANES_INLINE bool all_positive(typename Vectors<W>::V v)
 {
-    const typename Vectors<W>::I positive = v > 0.0;
-    int64_t all = -1;
-    for (int k = 0; k < W; ++k) all &= positive[k];
-    return all != 0;
+    return !any_lane<W>(!(v > 0.0));
 }
 
 // The smallest lane of v.
